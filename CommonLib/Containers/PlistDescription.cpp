@@ -1,0 +1,155 @@
+// The text form of values, as "%@" prints it.
+#include <algorithm>
+#include <charconv>
+#include <string>
+#include <vector>
+
+#include "Containers/CalendarDate.h"
+#include "Containers/Format.h"
+#include "Containers/PlistValue.h"
+
+namespace ostrel {
+namespace {
+
+constexpr std::size_t indentation = 4;
+
+bool isBareCharacter(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '.' ||
+         c == '/' || c == '$';
+}
+
+void appendEscaped(std::string& out, char c) {
+  switch (c) {
+    case '"':
+      out += "\\\"";
+      break;
+    case '\\':
+      out += "\\\\";
+      break;
+    case '\n':
+      out += "\\n";
+      break;
+    case '\r':
+      out += "\\r";
+      break;
+    case '\t':
+      out += "\\t";
+      break;
+    default:
+      // A log line must stay one line, whatever a client put into a string.
+      if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
+        out += format("\\%03o", static_cast<unsigned char>(c));
+      } else {
+        out += c;
+      }
+  }
+}
+
+/// A string inside a container: bare when it is one plain word, quoted otherwise.
+void appendMemberString(std::string& out, std::string_view text) {
+  if (!text.empty() && std::ranges::all_of(text, isBareCharacter)) {
+    out += text;
+    return;
+  }
+  out += '"';
+  for (const char c : text) appendEscaped(out, c);
+  out += '"';
+}
+
+void appendNumber(std::string& out, const PlistValue& value) {
+  char digits[64];
+  char* const end = digits + sizeof digits;
+  const auto written = value.isReal()            ? std::to_chars(digits, end, value.doubleValue())
+                       : value.doubleValue() < 0 ? std::to_chars(digits, end, value.int64Value())
+                                                 : std::to_chars(digits, end, value.uint64Value());
+  out.append(digits, written.ptr);
+}
+
+void appendDate(std::string& out, PlistDate date) {
+  const auto fields = calendarDate(date);
+  if (!fields) {
+    out += format("%.0f seconds since 1970", date.secondsSince1970);
+    return;
+  }
+  out += format("%04d-%02d-%02d %02d:%02d:%02d +0000", fields->year, fields->month, fields->day, fields->hour,
+                fields->minute, fields->second);
+}
+
+void appendData(std::string& out, std::string_view bytes) {
+  constexpr std::string_view hex = "0123456789abcdef";
+  out += '<';
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    out += hex[byte >> 4];
+    out += hex[byte & 15];
+  }
+  out += '>';
+}
+
+void appendMember(std::string& out, const PlistValue& value, std::size_t depth);
+
+void appendDictionary(std::string& out, const PlistValue& value, std::size_t depth) {
+  std::vector<const PlistEntry*> sorted;
+  for (const PlistEntry& entry : value.entries()) sorted.push_back(&entry);
+  std::ranges::sort(sorted, {}, [](const PlistEntry* entry) { return entry->keyText(); });
+  out += "{\n";
+  for (const PlistEntry* entry : sorted) {
+    out.append((depth + 1) * indentation, ' ');
+    appendMemberString(out, entry->keyText());
+    out += " = ";
+    appendMember(out, entry->value, depth + 1);
+    out += ";\n";
+  }
+  out.append(depth * indentation, ' ');
+  out += '}';
+}
+
+void appendArray(std::string& out, const PlistValue& value, std::size_t depth) {
+  out += "(\n";
+  std::size_t left = value.count();
+  for (const PlistValue& element : value.elements()) {
+    out.append((depth + 1) * indentation, ' ');
+    appendMember(out, element, depth + 1);
+    out += --left == 0 ? "\n" : ",\n";
+  }
+  out.append(depth * indentation, ' ');
+  out += ')';
+}
+
+void appendMember(std::string& out, const PlistValue& value, std::size_t depth) {
+  switch (value.kind()) {
+    case PlistValue::Kind::null:
+      out += "(null)";
+      break;
+    case PlistValue::Kind::string:
+      appendMemberString(out, value.stringValue());
+      break;
+    case PlistValue::Kind::number:
+    case PlistValue::Kind::boolean:
+      appendNumber(out, value);
+      break;
+    case PlistValue::Kind::date:
+      appendDate(out, value.dateValue());
+      break;
+    case PlistValue::Kind::data:
+      appendData(out, value.dataBytes());
+      break;
+    case PlistValue::Kind::array:
+      appendArray(out, value, depth);
+      break;
+    case PlistValue::Kind::dictionary:
+      appendDictionary(out, value, depth);
+      break;
+  }
+}
+
+}  // namespace
+
+std::string PlistValue::description() const {
+  if (isString()) return std::string(stringValue());
+  std::string out;
+  appendMember(out, *this, 0);
+  return out;
+}
+
+}  // namespace ostrel

@@ -1,0 +1,71 @@
+#include "Containers/Utf8.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace ostrel {
+namespace {
+
+bool isContinuation(unsigned char byte) noexcept { return (byte & 0xC0) == 0x80; }
+
+/// Length of the character at the start of `bytes`, which is not ASCII; 0 when it is not valid. RFC 3629 section 4.
+std::size_t sequenceLength(const unsigned char* bytes, std::size_t left) noexcept {
+  const unsigned char lead = bytes[0];
+  if (lead >= 0xC2 && lead <= 0xDF) return left >= 2 && isContinuation(bytes[1]) ? 2 : 0;
+  if (lead >= 0xE0 && lead <= 0xEF) {
+    if (left < 3 || !isContinuation(bytes[1]) || !isContinuation(bytes[2])) return 0;
+    if (lead == 0xE0 && bytes[1] < 0xA0) return 0;
+    if (lead == 0xED && bytes[1] > 0x9F) return 0;
+    return 3;
+  }
+  if (lead >= 0xF0 && lead <= 0xF4) {
+    if (left < 4 || !isContinuation(bytes[1]) || !isContinuation(bytes[2]) || !isContinuation(bytes[3])) return 0;
+    if (lead == 0xF0 && bytes[1] < 0x90) return 0;
+    if (lead == 0xF4 && bytes[1] > 0x8F) return 0;
+    return 4;
+  }
+  return 0;
+}
+
+}  // namespace
+
+std::size_t validUtf8Prefix(std::string_view bytes) noexcept {
+  const auto* text = reinterpret_cast<const unsigned char*>(bytes.data());
+  std::size_t at = 0;
+  while (at < bytes.size()) {
+    std::uint64_t word = 0;
+    while (bytes.size() - at >= sizeof word) {  // eight ASCII bytes a step
+      std::memcpy(&word, text + at, sizeof word);
+      if ((word & 0x8080808080808080) != 0) break;
+      at += sizeof word;
+    }
+    if (at == bytes.size()) break;
+    const std::size_t length = text[at] < 0x80 ? 1 : sequenceLength(text + at, bytes.size() - at);
+    if (length == 0) break;
+    at += length;
+  }
+  return at;
+}
+
+void appendUtf8(std::string& text, char32_t character) {
+  const auto continuation = [character](unsigned shift) {
+    return static_cast<char>(0x80 | ((character >> shift) & 0x3F));
+  };
+  if (character < 0x80) {
+    text += static_cast<char>(character);
+  } else if (character < 0x800) {
+    text += static_cast<char>(0xC0 | (character >> 6));
+    text += continuation(0);
+  } else if (character < 0x10000) {
+    text += static_cast<char>(0xE0 | (character >> 12));
+    text += continuation(6);
+    text += continuation(0);
+  } else {
+    text += static_cast<char>(0xF0 | (character >> 18));
+    text += continuation(12);
+    text += continuation(6);
+    text += continuation(0);
+  }
+}
+
+}  // namespace ostrel

@@ -1,0 +1,21 @@
+// Checks of UTF-8 text (RFC 3629).
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "Containers/Export.h"
+
+namespace ostrel {
+
+/// Number of leading bytes of `bytes` that are whole, valid UTF-8 characters: no overlong forms, no surrogates,
+/// nothing above U+10FFFF. Equal to the size when all of it is valid.
+OSTREL_EXPORT std::size_t validUtf8Prefix(std::string_view bytes) noexcept;
+
+inline bool isValidUtf8(std::string_view bytes) noexcept { return validUtf8Prefix(bytes) == bytes.size(); }
+
+/// Appends one character. Requires: a Unicode scalar value (not a surrogate, at most U+10FFFF).
+OSTREL_EXPORT void appendUtf8(std::string& text, char32_t character);
+
+}  // namespace ostrel

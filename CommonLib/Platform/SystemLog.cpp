@@ -1,0 +1,50 @@
+#include "Platform/SystemLog.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+namespace ostrel {
+namespace {
+
+void appendEscaped(std::string& out, std::string_view text) {
+  for (const char c : text) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
+      out += c == '\n' ? "\\n" : format("\\%03o", static_cast<unsigned char>(c));
+    } else {
+      out += c;
+    }
+  }
+}
+
+class HostSystemLog final : public SystemLog {
+ public:
+  void write(int priority, std::string_view line) override {
+    if (line.ends_with('\n')) line.remove_suffix(1);
+    std::string escaped;
+    appendEscaped(escaped, line);
+    syslog(priority | LOG_USER, "%s", escaped.c_str());
+  }
+
+  void writeRecord(int priority, std::span<const Field> fields, std::string_view message) override {
+    std::string line;
+    for (const auto& [key, value] : fields) {
+      line += '[' + key + ' ';
+      appendEscaped(line, value);
+      line += "] ";
+    }
+    appendEscaped(line, message);
+    syslog(priority | LOG_USER, "%s", line.c_str());
+  }
+};
+
+}  // namespace
+
+std::atomic<SystemLog*>& SystemLog::slot() {
+  static HostSystemLog host;
+  static std::atomic<SystemLog*> slot{&host};
+  return slot;
+}
+
+pid_t processId() noexcept { return getpid(); }
+
+}  // namespace ostrel
