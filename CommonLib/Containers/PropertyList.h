@@ -1,0 +1,54 @@
+// Readers and writers of property lists: XML, binary and "strings" files.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Containers/Export.h"
+#include "Containers/PlistValue.h"
+
+namespace ostrel {
+
+/// Why bytes are not a property list, for humans.
+struct PlistError {
+  std::string message;
+  std::size_t offset = 0;  ///< byte position in the input
+  std::size_t line = 0;    ///< from 1; 0 for binary input
+  std::size_t column = 0;  ///< in bytes from 1; 0 for binary input
+};
+
+/// Whether the containers of a value that is read accept writes.
+enum class PlistForm { immutableContainers, mutableContainers };
+
+/// Containers nested deeper than this are refused by every reader and every writer.
+inline constexpr std::size_t maximumPlistDepth = 512;
+
+/// Reads a whole property list. Bytes that begin "bplist00" are read as binary, all others as XML.
+/// Null when they are not one property list from the first byte to the last: there is never a partial value. When
+/// `error` is given it says what is wrong and where; it is left alone on success.
+/// All readers: bounded depth, time and memory linear in the input, safe from any thread.
+OSTREL_EXPORT PlistValue readPropertyList(std::string_view bytes, PlistForm form = PlistForm::immutableContainers,
+                                          PlistError* error = nullptr);
+OSTREL_EXPORT PlistValue readXmlPropertyList(std::string_view bytes, PlistForm form = PlistForm::immutableContainers,
+                                             PlistError* error = nullptr);
+OSTREL_EXPORT PlistValue readBinaryPropertyList(std::string_view bytes,
+                                                PlistForm form = PlistForm::immutableContainers,
+                                                PlistError* error = nullptr);
+
+/// Reads a "strings" file: `"key" = "value";` pairs with C comments, in UTF-16 (with a byte-order mark) or UTF-8.
+/// The result is a dictionary of strings, or null.
+OSTREL_EXPORT PlistValue readStringsFile(std::string_view bytes, PlistForm form = PlistForm::immutableContainers,
+                                         PlistError* error = nullptr);
+
+/// Writes a value as an XML property list, version 1.0, UTF-8. Nothing when it cannot be represented: null, nesting
+/// beyond `maximumPlistDepth`, text that is not valid UTF-8 or holds a character that XML 1.0 cannot carry, a date
+/// outside the years 1 to 9999.
+OSTREL_EXPORT std::optional<std::string> writeXmlPropertyList(const PlistValue& value);
+
+/// Writes a value as a binary property list. Nothing when it cannot be represented: null, nesting beyond
+/// `maximumPlistDepth`, text that is not valid UTF-8.
+OSTREL_EXPORT std::optional<std::string> writeBinaryPropertyList(const PlistValue& value);
+
+}  // namespace ostrel
