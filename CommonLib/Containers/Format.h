@@ -21,20 +21,17 @@ class OSTREL_EXPORT FormatArgument {
 
   // Implicit on purpose: they are made from the arguments of format().
   template <std::integral Integer>
-  FormatArgument(Integer number)  // NOLINT(google-explicit-constructor)
+  FormatArgument(Integer number)
       : kind(Kind::integer),
         negative(std::is_signed_v<Integer> && number < Integer{}),
         size(sizeof(Integer)),
         bits(static_cast<std::uint64_t>(number)) {}
   template <std::floating_point Real>
-  FormatArgument(Real number)
-      : kind(Kind::real), real(static_cast<double>(number)) {}                 // NOLINT(google-explicit-constructor)
-  FormatArgument(std::string_view words) : kind(Kind::text), text(words) {}    // NOLINT(google-explicit-constructor)
-  FormatArgument(const std::string& words) : kind(Kind::text), text(words) {}  // NOLINT(google-explicit-constructor)
-  FormatArgument(const char* words)                                            // NOLINT(google-explicit-constructor)
-      : kind(Kind::text), text(words == nullptr ? "(null)" : words) {}
-  FormatArgument(const PlistValue& argument)
-      : kind(Kind::value), value(&argument) {}  // NOLINT(google-explicit-constructor)
+  FormatArgument(Real number) : kind(Kind::real), real(static_cast<double>(number)) {}
+  FormatArgument(std::string_view words) : kind(Kind::text), text(words) {}
+  FormatArgument(const std::string& words) : kind(Kind::text), text(words) {}
+  FormatArgument(const char* words) : kind(Kind::text), text(words == nullptr ? "(null)" : words) {}
+  FormatArgument(const PlistValue& argument) : kind(Kind::value), value(&argument) {}
 
   template <class Argument>
   static consteval Kind kindOf() {
@@ -92,7 +89,7 @@ consteval void checkFormat(std::string_view format, std::span<const FormatArgume
 template <class... Arguments>
 class FormatString {
  public:
-  consteval FormatString(const char* literal) : text_(literal) {  // NOLINT(google-explicit-constructor)
+  consteval FormatString(const char* literal) : text_(literal) {
     constexpr FormatArgument::Kind kinds[] = {FormatArgument::kindOf<Arguments>()...,
                                               FormatArgument::Kind::unsupported};
     detail::checkFormat(literal, std::span(kinds, sizeof...(Arguments)));

@@ -32,7 +32,7 @@ std::uint64_t hashSeed() noexcept {
   static const std::uint64_t seed = [] {
     std::uint64_t value = 0x9E3779B97F4A7C15;
     if (getrandom(&value, sizeof value, 0) != static_cast<ssize_t>(sizeof value)) {
-      value ^= reinterpret_cast<std::uintptr_t>(&value);  // NOLINT: the randomised stack is the next best secret
+      value ^= reinterpret_cast<std::uintptr_t>(&value);  // the randomised stack is the next best secret
     }
     return value;
   }();

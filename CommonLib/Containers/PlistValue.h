@@ -252,10 +252,10 @@ class OSTREL_EXPORT PlistValue {
   }
 
   bool holdsNode() const noexcept { return cell_.tag >= Tag::string; }
-  detail::Node* node() const noexcept { return reinterpret_cast<detail::Node*>(cell_.bits); }  // NOLINT
+  detail::Node* node() const noexcept { return reinterpret_cast<detail::Node*>(cell_.bits); }
   void retain() const noexcept {
     if (holdsNode())
-      std::atomic_ref(*reinterpret_cast<std::uint32_t*>(cell_.bits)).fetch_add(1, std::memory_order_relaxed);  // NOLINT
+      std::atomic_ref(*reinterpret_cast<std::uint32_t*>(cell_.bits)).fetch_add(1, std::memory_order_relaxed);
   }
   void release() noexcept {
     if (holdsNode()) releaseNode();

@@ -33,8 +33,7 @@ OSTREL_EXPORT PlistValue readPropertyList(std::string_view bytes, PlistForm form
                                           PlistError* error = nullptr);
 OSTREL_EXPORT PlistValue readXmlPropertyList(std::string_view bytes, PlistForm form = PlistForm::immutableContainers,
                                              PlistError* error = nullptr);
-OSTREL_EXPORT PlistValue readBinaryPropertyList(std::string_view bytes,
-                                                PlistForm form = PlistForm::immutableContainers,
+OSTREL_EXPORT PlistValue readBinaryPropertyList(std::string_view bytes, PlistForm form = PlistForm::immutableContainers,
                                                 PlistError* error = nullptr);
 
 /// Reads a "strings" file: `"key" = "value";` pairs with C comments, in UTF-16 (with a byte-order mark) or UTF-8.
