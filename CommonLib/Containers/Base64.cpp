@@ -1,0 +1,104 @@
+#include "Containers/Base64.h"
+
+#include <array>
+#include <cstring>
+
+#include "Containers/Internal/Base64Blocks.h"
+
+namespace ostrel {
+namespace detail {
+namespace {
+
+constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr std::uint32_t noDigit = 0xFF000000;
+
+/// Two characters for each twelve bits: half the look-ups of one character for each six.
+constexpr auto pairs = [] {
+  std::array<std::array<char, 2>, 4096> table{};
+  for (std::size_t i = 0; i < table.size(); ++i) table[i] = {alphabet[i >> 6], alphabet[i & 63]};
+  return table;
+}();
+
+/// For each of the four places in a group, the digit at its final place in 24 bits.
+constexpr auto digits = [] {
+  std::array<std::array<std::uint32_t, 256>, 4> table{};
+  for (auto& place : table) place.fill(noDigit);
+  for (std::uint32_t digit = 0; digit < 64; ++digit) {
+    for (std::size_t place = 0; place < 4; ++place) {
+      table[place][static_cast<unsigned char>(alphabet[digit])] = digit << (18 - 6 * place);
+    }
+  }
+  return table;
+}();
+
+unsigned byteAt(const char* bytes, std::size_t at) noexcept { return static_cast<unsigned char>(bytes[at]); }
+
+void writePair(char* out, unsigned twelveBits) noexcept { std::memcpy(out, pairs[twelveBits].data(), 2); }
+
+}  // namespace
+
+char* encodeBase64Block(char* out, const char* bytes, std::size_t count) noexcept {
+  for (; count >= 3; count -= 3, bytes += 3, out += 4) {
+    const unsigned group = byteAt(bytes, 0) << 16 | byteAt(bytes, 1) << 8 | byteAt(bytes, 2);
+    writePair(out, group >> 12);
+    writePair(out + 2, group & 0xFFF);
+  }
+  if (count == 0) return out;
+  const unsigned group = byteAt(bytes, 0) << 16 | (count == 2 ? byteAt(bytes, 1) << 8 : 0);
+  writePair(out, group >> 12);
+  writePair(out + 2, group & 0xFFF);
+  if (count == 1) out[2] = '=';
+  out[3] = '=';
+  return out + 4;
+}
+
+void decodeBase64Groups(const char*& text, const char* end, char*& out) noexcept {
+  for (; end - text >= 4; text += 4, out += 3) {
+    const std::uint32_t group = digits[0][byteAt(text, 0)] | digits[1][byteAt(text, 1)] | digits[2][byteAt(text, 2)] |
+                                digits[3][byteAt(text, 3)];
+    if (group >= noDigit) return;
+    out[0] = static_cast<char>(group >> 16);
+    out[1] = static_cast<char>(group >> 8);
+    out[2] = static_cast<char>(group);
+  }
+}
+
+int base64Digit(char character) noexcept {
+  const std::uint32_t digit = digits[3][static_cast<unsigned char>(character)];
+  return digit == noDigit ? -1 : static_cast<int>(digit);
+}
+
+}  // namespace detail
+
+std::string encodeBase64(std::string_view bytes) {
+  std::string text((bytes.size() + 2) / 3 * 4, '\0');
+  detail::encodeBase64Block(text.data(), bytes.data(), bytes.size());
+  return text;
+}
+
+std::optional<std::string> decodeBase64(std::string_view text) {
+  if (text.size() % 4 != 0) return std::nullopt;
+  std::string bytes(text.size() / 4 * 3, '\0');
+  const char* next = text.data();
+  const char* const end = next + text.size();
+  char* out = bytes.data();
+  detail::decodeBase64Groups(next, end, out);
+  if (next != end) {
+    if (end - next != 4 || next[3] != '=') return std::nullopt;
+    const int first = detail::base64Digit(next[0]);
+    const int second = detail::base64Digit(next[1]);
+    if (first < 0 || second < 0) return std::nullopt;
+    *out++ = static_cast<char>(first << 2 | second >> 4);
+    if (next[2] == '=') {
+      if ((second & 15) != 0) return std::nullopt;
+    } else {
+      const int third = detail::base64Digit(next[2]);
+      if (third < 0 || (third & 3) != 0) return std::nullopt;
+      *out++ = static_cast<char>(second << 4 | third >> 2);
+    }
+  }
+  bytes.resize(static_cast<std::size_t>(out - bytes.data()));
+  return bytes;
+}
+
+}  // namespace ostrel
