@@ -1,0 +1,27 @@
+// The kernel's random device, opened by its name.
+#pragma once
+
+#include <atomic>
+
+#include "Containers/Export.h"
+#include "Platform/FileDescriptor.h"
+#include "Platform/Service.h"
+
+namespace ostrel {
+
+/// Threads: may be called from any thread.
+class OSTREL_EXPORT RandomDevice {
+ public:
+  virtual ~RandomDevice() = default;
+  static RandomDevice& current() { return *slot().load(std::memory_order_acquire); }
+
+  /// "/dev/random", open for reading with `readSome`; none on failure, with the reason in errno. It is the device of
+  /// the kernel: the host root does not apply. A read blocks only until the kernel has gathered its first entropy.
+  virtual FileDescriptor open() = 0;
+
+ private:
+  friend class ScopedOverride<RandomDevice>;
+  static std::atomic<RandomDevice*>& slot();
+};
+
+}  // namespace ostrel
