@@ -1,0 +1,217 @@
+// A client's handle on one administration daemon.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "ClientSession/CommandURL.h"
+#include "ClientSession/OstrelDaemonSessTarget.h"
+#include "ClientSession/OstrelDaemonSessTask.h"
+#include "Containers/Export.h"
+#include "Containers/PlistValue.h"
+#include "Platform/Mutex.h"
+
+namespace ostrel {
+
+/// Where a daemon lives, which module is addressed, the credentials, the session identifier that the daemon handed
+/// out, and the callback for asynchronous results; and the exchange of one command for its reply
+/// (docs/wire-protocol.md).
+///
+/// Values: an absent string is std::nullopt. Requests and replies are PlistValue: a dictionary, or data for raw bytes;
+/// null is absent.
+/// Threads: `sessionID`, `_setSessionID`, `forceValidCertificate`, `useTimeoutForTransactions`, their setters and the
+/// static operations may be called from any thread at any time. Everything else belongs to one thread at a time: the
+/// main thread, or the single caller of the synchronous operations. Distinct sessions are independent.
+/// Nothing throws except std::bad_alloc.
+class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<OstrelDaemonSession> {
+  struct Private {
+    explicit Private() = default;
+  };
+
+ public:
+  using Text = std::optional<std::string>;
+  using Target = std::shared_ptr<OstrelDaemonSessTarget>;
+
+  // ---- construction -------------------------------------------------------------------------------------------
+
+  /// init: protocol "https", port "311", service "ostrel_sample", host "localhost"; nothing else is set.
+  static std::shared_ptr<OstrelDaemonSession> init();
+  /// initWithService:notifyTarget:notifySelector: as `init`, with the module to address and the callback.
+  static std::shared_ptr<OstrelDaemonSession> initWithService(Text service, Target notifyTarget = {},
+                                                              Text notifySelector = {});
+  /// initWithService:notifyTarget:notifySelector:sessionID: the same with a session identifier to begin with.
+  static std::shared_ptr<OstrelDaemonSession> initWithServiceSessionID(Text service, Target notifyTarget,
+                                                                       Text notifySelector, Text sessionID);
+  /// initWithService:notifyTarget:notifySelector:useGlobalPlexnetLock: the flag is accepted and ignored.
+  static std::shared_ptr<OstrelDaemonSession> initWithServiceUseGlobalPlexnetLock(Text service, Target notifyTarget,
+                                                                                  Text notifySelector,
+                                                                                  bool useGlobalPlexnetLock);
+  /// initWithService:notifyTarget:notifySelector:useGlobalPlexnetLock:sessionID: the flag is accepted and ignored.
+  static std::shared_ptr<OstrelDaemonSession> initWithServiceUseGlobalPlexnetLockSessionID(
+      Text service, Target notifyTarget, Text notifySelector, bool useGlobalPlexnetLock, Text sessionID);
+  /// initWithDictionary: an empty object, without `init`'s defaults, then each of "protocol", "port", "service",
+  /// "host", "userName" and "password" whose value is a string. Other values are ignored.
+  static std::shared_ptr<OstrelDaemonSession> initWithDictionary(const PlistValue& dictionary);
+  /// initWithCoder: as `init`, then the six values that `encodeWithCoder` wrote. Null when `coder` is not an array
+  /// that begins with six such values.
+  static std::shared_ptr<OstrelDaemonSession> initWithCoder(const PlistValue& coder);
+
+  explicit OstrelDaemonSession(Private);
+  ~OstrelDaemonSession();
+  OstrelDaemonSession(const OstrelDaemonSession&) = delete;
+  OstrelDaemonSession& operator=(const OstrelDaemonSession&) = delete;
+
+  /// dictionary: an immutable dictionary of the same six keys, each there only when its field is. With
+  /// `initWithDictionary` this is how a session is kept; identifier, flags and callback are not part of it.
+  PlistValue dictionary() const;
+  /// encodeWithCoder: appends protocol, port, service, host, userName and password to the array `coder`, without keys;
+  /// an absent one as the boolean false. False, and nothing written, when `coder` is not a mutable array. The array
+  /// can be archived with any property-list writer.
+  bool encodeWithCoder(PlistValue coder) const;
+  /// description: the object's class and address, host, service and user name joined with ","; the list stops at the
+  /// first absent one.
+  std::string description() const;
+
+  // ---- settings -----------------------------------------------------------------------------------------------
+
+  const Text& protocol() const { return protocol_; }
+  const Text& port() const { return port_; }
+  const Text& service() const { return service_; }
+  const Text& host() const { return host_; }
+  const Text& userName() const { return userName_; }
+  const Text& password() const { return password_; }
+  const Target& notifyTarget() const { return notifyTarget_; }
+  const Text& notifySelector() const { return notifySelector_; }
+  void setProtocol(Text protocol) { protocol_ = std::move(protocol); }
+  void setPort(Text port) { port_ = std::move(port); }
+  void setService(Text service) { service_ = std::move(service); }
+  void setHost(Text host) { host_ = std::move(host); }
+  void setUserName(Text userName) { userName_ = std::move(userName); }
+  void setPassword(Text password) { password_ = std::move(password); }
+  void setNotifyTarget(Target target) { notifyTarget_ = std::move(target); }
+  void setNotifySelector(Text selector) { notifySelector_ = std::move(selector); }
+
+  /// When true, the daemon's certificate must chain to a root that this host trusts, be unexpired and be made out to
+  /// the URL's host. When false, the default, any certificate is accepted.
+  bool forceValidCertificate() const { return forceValidCertificate_; }
+  void setForceValidCertificate(bool force) { forceValidCertificate_ = force; }
+  /// When true, every single read or write gives up after waiting 60 seconds in all. When false, the default, they
+  /// wait for ever.
+  bool useTimeoutForTransactions() const { return useTimeoutForTransactions_; }
+  void setUseTimeoutForTransactions(bool use) { useTimeoutForTransactions_ = use; }
+
+  /// The last synchronous request: 1 = completed, 3 = not completed, 0 before the first one.
+  std::int32_t status() const { return status_; }
+  /// Why the last synchronous request failed; absent when nothing went wrong. See docs/wire-protocol.md for the texts.
+  const Text& failureReason() const { return failureReason_; }
+  /// Asynchronous requests accepted and neither completed nor cancelled.
+  std::int32_t pendingRequestsCount() const { return _pendingRequestsCount; }
+
+  // ---- session identifier and life cycle ----------------------------------------------------------------------
+
+  /// sessionID: a copy of the identifier that the daemon handed out last.
+  Text sessionID() const OSTREL_EXCLUDES(_sessionIDLock);
+  /// deauthenticate: forgets the identifier; with asynchronous requests pending, once the next result is delivered.
+  void deauthenticate();
+  /// didAuthenticationFail: true when the reason ends with "authorization required" in any letter case.
+  static bool didAuthenticationFail(const Text& reason);
+  /// deinit: detaches the callback; with asynchronous requests pending they are cancelled first.
+  void deinit();
+
+  /// disableMultithreadedTransactions:forHost: makes the transactions of all sessions of the process run one after
+  /// another. The host is accepted and deliberately not used.
+  static void disableMultithreadedTransactions(bool disable, const Text& host);
+  /// areMultithreadedTransactionsDisabledForHost: what was set last.
+  static bool areMultithreadedTransactionsDisabledForHost(const Text& host);
+
+  // ---- the synchronous interface ------------------------------------------------------------------------------
+
+  /// sendSyncRequest:withURLPrefix:withPayloadType: (also `sendSyncRequest:` and `sendSyncRequest:withURLPrefix:`)
+  /// sends `request` (dictionary, data or null) to the session's module, or to the URL `URLPrefix` when that is given,
+  /// and blocks for the whole exchange, up to three attempts of it. Answers a dictionary for `dictionaryPayload` and
+  /// data, the reply's bytes, for any other type. Never null: a failure answers {"error": "EMPTY_RESPONSE_ERR"} or
+  /// empty data. `status` and `failureReason` then tell the outcome. A broken connection counts as completed and
+  /// answers {"RawResponse": "BROKEN_CONNECTION"}.
+  PlistValue sendSyncRequest(const PlistValue& request, const Text& URLPrefix = {},
+                             std::uint32_t payloadType = dictionaryPayload);
+  /// authenticateInSyncMode: an empty request, sent to have the credentials checked and an identifier issued.
+  PlistValue authenticateInSyncMode();
+
+  // ---- helpers of the exchange --------------------------------------------------------------------------------
+
+  /// buildURL:withPrefix:protocol:host:port:service: the URL `prefix`, or else protocol "://" host ":" port
+  /// "/commands/" service. The request is not used. Absent when the text is no URL (see `CommandURL::parse`).
+  static std::optional<CommandURL> buildURL(const PlistValue& request, const Text& prefix, const Text& protocol,
+                                            const Text& host, const Text& port, const Text& service);
+  /// buildURL:withPrefix: the same with the session's settings; "https" and "311" stand in for an absent protocol and
+  /// port.
+  std::optional<CommandURL> buildURL(const PlistValue& request, const Text& prefix) const;
+  /// buildAuthorizationHeader:withUserName:password: the value of an "Authorization" header in the Basic scheme
+  /// (RFC 2617) over the UTF-8 bytes of both. Absent when any argument is.
+  static Text buildAuthorizationHeader(const std::optional<CommandURL>& url, const Text& userName,
+                                       const Text& password);
+  /// buildAuthorizationHeader: the same with the session's user name and password.
+  Text buildAuthorizationHeader(const std::optional<CommandURL>& url) const;
+  /// encodeRequest: the form body for a request: "input=" and the escaped text of the XML property list, or of the
+  /// bytes. "" when the request is null, empty data, not valid UTF-8 or cannot be serialised.
+  static std::string encodeRequest(const PlistValue& request);
+  /// buildNSDictionaryFromResponseData: the dictionary that a reply's body holds; {"RawResponse": text} for any other
+  /// UTF-8 text; an empty dictionary for other bytes; null for anything but data.
+  static PlistValue buildNSDictionaryFromResponseData(const PlistValue& bytes);
+  static PlistValue buildNSDictionaryFromResponseData(std::string_view bytes);
+  /// zeroConfName: the name of this host on the local link, ending ".local"; absent when it has none.
+  static Text zeroConfName();
+  /// defaultHostNameWithResolve: the name (with `resolve`) of this host's first IPv4 address other than 127.0.0.1, else
+  /// `zeroConfName`, else "127.0.0.1". May block on the host's resolver.
+  static std::string defaultHostNameWithResolve(bool resolve);
+
+  // ---- internal: for the transport and the asynchronous machinery ---------------------------------------------
+
+  /// _setSessionID: replaces the identifier; absent clears it.
+  void _setSessionID(Text sessionID) OSTREL_EXCLUDES(_sessionIDLock);
+  void _setStatus(std::int32_t status) { status_ = status; }
+  void _setFailureReason(Text reason) { failureReason_ = std::move(reason); }
+
+  /// _sendRequestAndWaitForResponseDataWithURL:authHeader:request:transactionNb:status:sessionID:failureReason:
+  /// One exchange on a connection of its own: no retry. Answers the reply's body, or nothing; `transactionNb` is not
+  /// used. `status` gets 1 (completed) or 3, the others the identifier received and why it failed, or nothing.
+  Text _sendRequestAndWaitForResponseDataWithURL(const CommandURL& url, const Text& authHeader,
+                                                 const PlistValue& request, std::optional<std::uint32_t> transactionNb,
+                                                 std::int32_t& status, Text& sessionID, Text& failureReason);
+  /// _processOstrelDaemonSessTaskChildThread: the whole transaction of a task, on the calling thread: attempts, the
+  /// process-wide count and, for a synchronous task, the result in this session.
+  void _processOstrelDaemonSessTaskChildThread(const OstrelDaemonSessTask& task);
+
+ private:
+  Text protocol_;
+  Text port_;
+  Text service_;
+  Text host_;
+  Text userName_;
+  Text password_;
+  Target notifyTarget_;
+  Text notifySelector_;
+  std::atomic<bool> forceValidCertificate_{false};
+  std::atomic<bool> useTimeoutForTransactions_{false};
+  std::int32_t status_ = 0;
+  Text failureReason_;
+  mutable Mutex _sessionIDLock;
+  Text _sessionID OSTREL_GUARDED_BY(_sessionIDLock);
+  // From here on: state of the asynchronous requests. The flags are hints that running exchanges poll.
+  std::int32_t _transactionNb = 0;
+  std::atomic<std::int32_t> _pendingRequestsCount{0};
+  std::atomic<bool> _askedToAbort{false};
+  std::atomic<bool> _releaseNotifyTarget{false};
+  std::list<std::shared_ptr<OstrelDaemonSessTask>> _ostrelDaemonSessTasks;
+  PlistValue _syncResponse;
+  std::atomic<bool> _askedToDeauthenticate{false};
+  // Only for a platform that cannot run an operation on the main thread: never here.
+  bool _usePortConnectionForThreadCom = false;
+};
+
+}  // namespace ostrel
