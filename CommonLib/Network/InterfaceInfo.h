@@ -48,8 +48,8 @@ OSTREL_EXPORT PlistValue get_host_ips();
 OSTREL_EXPORT PlistValue get_interfaces_info(bool resolve);
 
 /// Whether a TCP connection over IPv4 to the host (dotted address or name) and port can be opened within the time-out,
-/// in milliseconds; 0 waits until the system gives up, a negative one does not wait. A connection that has something to
-/// read as soon as it stands, a greeting of the peer for example, counts as not reachable unless it stood at once. A
+/// in milliseconds; 0 waits until the system gives up, a negative one is a failed wait. A connection that has something
+/// to read as soon as it stands, a greeting of the peer for example, counts as not reachable unless it stood at once. A
 /// null host and a port outside 0 to 65535 are not reachable. Blocks; the resolver's time comes on top.
 OSTREL_EXPORT bool is_host_reachable(const char* host, int port, std::int64_t timeoutMilliseconds);
 

@@ -49,7 +49,7 @@ class OSTREL_EXPORT MainEventLoop {
   /// Ends the innermost run after the work that is running now; without one the next run ends at once. Any thread.
   void stop();
 
-  /// A descriptor that polls readable when work is due or `stop` was called. It belongs to the loop: never read or
+  /// A descriptor that polls readable while work is due. It belongs to the loop: never read or
   /// close it. Any thread.
   int descriptor() const noexcept { return timer_.get(); }
   /// Main thread: runs the work that is due now, without waiting; work that becomes due meanwhile is left for the next
@@ -63,10 +63,14 @@ class OSTREL_EXPORT MainEventLoop {
   MainEventLoop();
   ~MainEventLoop() = delete;
 
-  void add(TimePoint due, Work work);
+  Key add(TimePoint due, Work work);
+  void cancel(const Key& key);
+  std::size_t processWorks(const bool* timeIsUp);
   std::optional<Work> takeDue(const Key& limit);
   bool runUntil(std::optional<TimePoint> deadline);
+  bool isStopped() const;
   bool takeStop();
+  void countRun(int change);
   void armTimer() OSTREL_REQUIRES(mutex_);
 
   FileDescriptor timer_;
@@ -74,6 +78,7 @@ class OSTREL_EXPORT MainEventLoop {
   std::thread::id claimedBy_ OSTREL_GUARDED_BY(mutex_);  // default: the process's first thread
   std::map<Key, Work> works_ OSTREL_GUARDED_BY(mutex_);
   std::uint64_t nextNumber_ OSTREL_GUARDED_BY(mutex_) = 0;
+  int runs_ OSTREL_GUARDED_BY(mutex_) = 0;  // nested ones counted
   bool stopped_ OSTREL_GUARDED_BY(mutex_) = false;
 };
 

@@ -60,18 +60,20 @@ class OSTREL_EXPORT NotificationCenter {
     std::string name;
     PlistValue object;
     Callback callback;
-    bool removed = false;
-    std::vector<std::thread::id> callers;  // the threads that run the callback now
+    bool removed = false;  // guarded by mutex_
+  };
+  struct RunningCall {
+    std::shared_ptr<Registration> registration;
+    std::thread::id thread;
   };
   class Call;
 
   void remove(const void* observer, const std::string* name);
-  bool isCalledHere(const void* observer) const OSTREL_REQUIRES(mutex_);
 
   Mutex mutex_;
   Condition callEnded_;
   std::vector<std::shared_ptr<Registration>> registrations_ OSTREL_GUARDED_BY(mutex_);
-  std::vector<std::shared_ptr<Registration>> running_ OSTREL_GUARDED_BY(mutex_);  // once for each call under way
+  std::vector<RunningCall> running_ OSTREL_GUARDED_BY(mutex_);
 };
 
 }  // namespace ostrel

@@ -1,0 +1,206 @@
+#include "Platform/Files.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "Containers/Format.h"
+#include "Platform/Internal/SystemCalls.h"
+
+namespace ostrel {
+namespace {
+
+constexpr mode_t permissionBits = 07777;
+
+struct PathParts {
+  std::string folder;  // never empty
+  std::string name;
+};
+
+PathParts split(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return {".", path};
+  return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
+}
+
+std::optional<std::string> readLink(const std::string& path) {
+  std::string target(256, '\0');
+  for (;;) {
+    const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
+    if (length < 0) return std::nullopt;
+    if (static_cast<std::size_t>(length) < target.size()) {
+      target.resize(static_cast<std::size_t>(length));
+      return target;
+    }
+    target.resize(target.size() * 2);
+  }
+}
+
+// Where the links at the end of a path lead, though nothing need be there; absent with ELOOP after too many.
+std::optional<std::string> followLinks(std::string path) {
+  constexpr int most = 40;  // as many as the kernel follows
+  for (int i = 0; i < most; ++i) {
+    const auto status = linkStatus(path);
+    if (!status) return errno == ENOENT ? std::optional(path) : std::nullopt;
+    if (!S_ISLNK(status->mode)) return path;
+    const auto target = readLink(path);
+    if (!target) return std::nullopt;
+    path = target->starts_with('/') ? *target : split(path).folder + "/" + *target;
+  }
+  errno = ELOOP;
+  return std::nullopt;
+}
+
+// A new file of a name that nobody can foresee, in an open folder.
+class TemporaryFile {
+ public:
+  TemporaryFile(int folder, const std::string& target) : folder_(folder) {
+    for (int i = 0; i < 100; ++i) {
+      std::uint64_t random = 0;
+      if (detail::retried([&] { return ::getrandom(&random, sizeof random, 0); }) != sizeof random) return;
+      // Room for the suffix within the 255 bytes that a name may have.
+      name_ = format(".%s.%016llx", target.substr(0, 200), random);
+      file_.reset(detail::retried(
+          [&] { return ::openat(folder, name_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600); }));
+      if (file_ || errno != EEXIST) return;
+    }
+  }
+  ~TemporaryFile() {
+    if (!file_ || renamed_) return;
+    const int kept = errno;
+    ::unlinkat(folder_, name_.c_str(), 0);
+    errno = kept;
+  }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+  explicit operator bool() const { return static_cast<bool>(file_); }
+  int descriptor() const { return file_.get(); }
+  bool renameTo(const std::string& target) {
+    renamed_ = ::renameat(folder_, name_.c_str(), folder_, target.c_str()) == 0;
+    return renamed_;
+  }
+
+ private:
+  int folder_;
+  std::string name_;
+  FileDescriptor file_;
+  bool renamed_ = false;
+};
+
+// Owner before mode: changing the owner clears the set-id bits.
+bool giveOwnerAndMode(int file, uid_t user, gid_t group, mode_t mode) {
+  const bool keepsOwner = user == static_cast<uid_t>(-1) && group == static_cast<gid_t>(-1);
+  return (keepsOwner || changeOwner(file, user, group)) && changeMode(file, mode & permissionBits);
+}
+
+bool giveOwnerAndMode(int file, const std::optional<FileStatus>& existing, const AtomicWriteOptions& options) {
+  if (!existing || !options.keepExisting) return giveOwnerAndMode(file, options.user, options.group, options.mode);
+  const auto made = descriptorStatus(file);
+  if (!made) return false;
+  // An unprivileged writer may replace its own file: ownership that is right already is not asked for.
+  const uid_t user = made->user == existing->user ? static_cast<uid_t>(-1) : existing->user;
+  const gid_t group = made->group == existing->group ? static_cast<gid_t>(-1) : existing->group;
+  return giveOwnerAndMode(file, user, group, existing->mode);
+}
+
+bool statusInFolder(int folder, const std::string& name, std::optional<FileStatus>& status) {
+  const FileDescriptor target(
+      detail::retried([&] { return ::openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); }));
+  if (!target) return errno == ENOENT;
+  status = descriptorStatus(target.get());
+  return status.has_value();
+}
+
+bool makeDirectory(const std::string& path, mode_t mode) {
+  if (::mkdir(path.c_str(), mode & 0700) == 0) return ::chmod(path.c_str(), mode & permissionBits) == 0;
+  if (errno != EEXIST) return false;
+  if (isDirectory(path)) return true;
+  errno = ENOTDIR;
+  return false;
+}
+
+}  // namespace
+
+std::optional<std::string> readWholeFile(const std::string& path, std::size_t limit) {
+  const FileDescriptor file = openFile(path, O_RDONLY);
+  if (!file) return std::nullopt;
+  return readToEnd(file.get(), limit);
+}
+
+bool writeFileAtomically(const std::string& path, std::string_view bytes, const AtomicWriteOptions& options) {
+  if (!detail::isUsablePath(path)) return false;
+  const auto target = followLinks(path);
+  if (!target) return false;
+  const auto [folderPath, name] = split(*target);
+  if (name.empty() || name == "." || name == "..") {
+    errno = EISDIR;
+    return false;
+  }
+  const FileDescriptor folder = openFile(folderPath, O_RDONLY | O_DIRECTORY);
+  if (!folder) return false;
+
+  std::optional<FileStatus> existing;
+  if (!statusInFolder(folder.get(), name, existing)) return false;
+  if (existing && !existing->isRegularFile()) {
+    errno = existing->isDirectory() ? EISDIR : EINVAL;
+    return false;
+  }
+  TemporaryFile replacement(folder.get(), name);
+  if (!replacement || !writeFully(replacement.descriptor(), bytes)) return false;
+  if (!giveOwnerAndMode(replacement.descriptor(), existing, options) || !syncFile(replacement.descriptor()))
+    return false;
+  return replacement.renameTo(name) && syncFile(folder.get());
+}
+
+bool makeDirectories(const std::string& path, mode_t mode) {
+  if (!detail::isUsablePath(path)) return false;
+  for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+    if (path[slash - 1] == '/') continue;
+    const std::string above = path.substr(0, slash);
+    if (!isDirectory(above) && !makeDirectory(above, mode)) return false;
+  }
+  return isDirectory(path) || makeDirectory(path, mode);
+}
+
+std::optional<std::vector<std::string>> listDirectory(const std::string& path) {
+  if (!detail::isUsablePath(path)) return std::nullopt;
+  const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(path.c_str()), &::closedir);
+  if (!folder) return std::nullopt;
+  std::vector<std::string> names;
+  errno = 0;
+  // Safe on any thread: the stream is this call's own.
+  while (const dirent* entry = ::readdir(folder.get())) {  // NOLINT(concurrency-mt-unsafe)
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") names.emplace_back(name);
+  }
+  if (errno != 0) return std::nullopt;
+  return names;
+}
+
+bool fileExists(const std::string& path) { return fileStatus(path).has_value(); }
+
+bool isDirectory(const std::string& path) {
+  const auto status = fileStatus(path);
+  return status && status->isDirectory();
+}
+
+bool removeFile(const std::string& path) { return detail::isUsablePath(path) && ::unlink(path.c_str()) == 0; }
+
+bool renameFile(const std::string& from, const std::string& to) {
+  return detail::isUsablePath(from) && detail::isUsablePath(to) && std::rename(from.c_str(), to.c_str()) == 0;
+}
+
+bool syncDirectory(const std::string& path) {
+  const FileDescriptor folder = openFile(path, O_RDONLY | O_DIRECTORY);
+  return folder && syncFile(folder.get());
+}
+
+}  // namespace ostrel

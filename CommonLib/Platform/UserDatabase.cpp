@@ -1,0 +1,110 @@
+#include "Platform/UserDatabase.h"
+
+#include <grp.h>
+#include <pwd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace ostrel {
+namespace {
+
+// Some name services answer groups of many thousand members; beyond this they are taken as broken.
+constexpr std::size_t largestRecord = 64U << 20U;
+
+// Runs a reentrant lookup with a buffer that grows until the record fits. Absent when there is none, or on failure.
+template <class Entry, class Record, class Lookup, class Convert>
+std::optional<Entry> lookUp(Lookup lookup, Convert convert) {
+  std::vector<char> buffer(4096);
+  for (;;) {
+    Record record{};
+    Record* found = nullptr;
+    const int error = lookup(&record, buffer.data(), buffer.size(), &found);
+    if (error == 0) return found == nullptr ? std::nullopt : std::optional<Entry>(convert(*found));
+    if (error == EINTR) continue;
+    if (error != ERANGE || buffer.size() >= largestRecord) return std::nullopt;
+    buffer.resize(buffer.size() * 2);
+  }
+}
+
+std::string textOf(const char* text) { return text == nullptr ? std::string() : std::string(text); }
+
+UserEntry userFrom(const passwd& record) {
+  return {textOf(record.pw_name),  record.pw_uid,         record.pw_gid,
+          textOf(record.pw_gecos), textOf(record.pw_dir), textOf(record.pw_shell)};
+}
+
+GroupEntry groupFrom(const group& record) {
+  GroupEntry entry{textOf(record.gr_name), record.gr_gid, {}};
+  for (char** member = record.gr_mem; member != nullptr && *member != nullptr; ++member)
+    entry.members.emplace_back(*member);
+  return entry;
+}
+
+bool isName(const std::string& name) { return !name.empty() && name.find('\0') == std::string::npos; }
+
+class HostUserDatabase final : public UserDatabase {
+ public:
+  std::optional<UserEntry> userNamed(const std::string& name) override {
+    if (!isName(name)) return std::nullopt;
+    return lookUp<UserEntry, passwd>(
+        [&](passwd* record, char* buffer, std::size_t size, passwd** found) {
+          return getpwnam_r(name.c_str(), record, buffer, size, found);
+        },
+        userFrom);
+  }
+
+  std::optional<UserEntry> userWithId(uid_t uid) override {
+    return lookUp<UserEntry, passwd>([&](passwd* record, char* buffer, std::size_t size,
+                                         passwd** found) { return getpwuid_r(uid, record, buffer, size, found); },
+                                     userFrom);
+  }
+
+  std::optional<GroupEntry> groupNamed(const std::string& name) override {
+    if (!isName(name)) return std::nullopt;
+    return lookUp<GroupEntry, group>(
+        [&](group* record, char* buffer, std::size_t size, group** found) {
+          return getgrnam_r(name.c_str(), record, buffer, size, found);
+        },
+        groupFrom);
+  }
+
+  std::optional<GroupEntry> groupWithId(gid_t gid) override {
+    return lookUp<GroupEntry, group>([&](group* record, char* buffer, std::size_t size,
+                                         group** found) { return getgrgid_r(gid, record, buffer, size, found); },
+                                     groupFrom);
+  }
+
+  std::vector<gid_t> groupsOfUser(const std::string& name) override {
+    constexpr int mostGroups = 1 << 16;  // what the kernel lets a process have (NGROUPS_MAX)
+    const auto user = userNamed(name);
+    if (!user) return {};
+    std::vector<gid_t> groups(64);
+    for (;;) {
+      int count = static_cast<int>(groups.size());
+      if (getgrouplist(name.c_str(), user->gid, groups.data(), &count) >= 0) {
+        groups.resize(static_cast<std::size_t>(count));
+        return groups;
+      }
+      if (groups.size() > mostGroups) return {};
+      groups.resize(std::max(groups.size() * 2, static_cast<std::size_t>(std::clamp(count, 0, mostGroups + 1))));
+    }
+  }
+};
+
+}  // namespace
+
+bool UserDatabase::isMember(const std::string& user, const std::string& group) {
+  const auto entry = groupNamed(group);
+  if (!entry) return false;
+  const std::vector<gid_t> groups = groupsOfUser(user);
+  return std::ranges::find(groups, entry->gid) != groups.end();
+}
+
+std::atomic<UserDatabase*>& UserDatabase::slot() {
+  static HostUserDatabase host;
+  static std::atomic<UserDatabase*> slot{&host};
+  return slot;
+}
+
+}  // namespace ostrel
