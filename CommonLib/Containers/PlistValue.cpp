@@ -114,23 +114,53 @@ PlistValue PlistStorage::allocateData(std::size_t length, char*& bytes) {
   return adopt(node, PlistValue::Tag::data);
 }
 
-PlistValue PlistStorage::makeArray(std::span<PlistValue> members, bool isMutable) {
-  ArrayNode* node = newArray(members.size(), isMutable);
-  for (PlistValue& member : members) new (node->members + node->count++) PlistValue(std::move(member));
+PlistValue PlistStorage::makeLongString(std::string_view text) {
+  BytesNode* node = newBytes(text.size());
+  std::memcpy(node->bytes(), text.data(), text.size());
+  return adopt(node, PlistValue::Tag::string);
+}
+
+void PlistStorage::shrinkData(PlistValue& data, std::size_t length) noexcept {
+  auto* node = static_cast<BytesNode*>(data.node());
+  const std::size_t unused = node->length - length;
+  node->length = length;
+  if (unused < length / 16) return;
+  if (void* smaller = std::realloc(static_cast<void*>(node), sizeof(BytesNode) + length); smaller != nullptr) {
+    data.cell_.bits = reinterpret_cast<std::uintptr_t>(smaller);
+  }
+}
+
+PlistValue PlistStorage::makeArray(PlistValue* members, std::size_t count, bool isMutable) {
+  ArrayNode* node = newArray(count, isMutable);
+  if (count != 0) std::memcpy(static_cast<void*>(node->members), static_cast<void*>(members), count * sizeof *members);
+  node->count = static_cast<std::uint32_t>(count);
   return adopt(node, PlistValue::Tag::array);
 }
 
-PlistValue PlistStorage::makeDictionary(std::span<PlistEntry> members, bool isMutable) {
-  DictionaryNode* node = newDictionary(members.size(), isMutable);
-  PlistValue made = adopt(node, PlistValue::Tag::dictionary);
-  for (PlistEntry& member : members) new (node->members + node->count++) PlistEntry(std::move(member));
-  if (node->count > smallDictionary) return rebuildIndex(node) ? made : PlistValue();
-  for (std::uint32_t i = 1; i < node->count; ++i) {
+namespace {
+
+bool keysAreDistinct(const PlistEntry* members, std::uint32_t count) noexcept {
+  for (std::uint32_t i = 1; i < count; ++i) {
+    const std::string_view key = members[i].keyText();
     for (std::uint32_t j = 0; j < i; ++j) {
-      if (node->members[i].key == node->members[j].key) return {};
+      if (members[j].keyText() == key) return false;
     }
   }
-  return made;
+  return true;
+}
+
+}  // namespace
+
+PlistValue PlistStorage::makeDictionary(PlistValue* keysAndValues, std::size_t count, bool isMutable, Keys keys) {
+  static_assert(sizeof(PlistEntry) == 2 * sizeof(PlistValue));
+  DictionaryNode* node = newDictionary(count, isMutable);
+  PlistValue made = adopt(node, PlistValue::Tag::dictionary);
+  if (count != 0) {
+    std::memcpy(static_cast<void*>(node->members), static_cast<void*>(keysAndValues), count * sizeof(PlistEntry));
+  }
+  node->count = static_cast<std::uint32_t>(count);
+  if (node->count > smallDictionary) return rebuildIndex(node) ? made : PlistValue();
+  return keys == Keys::knownDistinct || keysAreDistinct(node->members, node->count) ? made : PlistValue();
 }
 
 namespace {
@@ -280,17 +310,7 @@ void PlistValue::releaseNode() noexcept {
 
 // ---- making values --------------------------------------------------------------------------------------------------
 
-PlistValue::PlistValue(std::string_view text) {
-  if (text.size() <= inlineCapacity) {
-    if (!text.empty()) std::memcpy(static_cast<void*>(&cell_), text.data(), text.size());
-    cell_.length = static_cast<std::uint8_t>(text.size());
-    cell_.tag = Tag::inlineString;
-    return;
-  }
-  char* bytes = nullptr;
-  *this = PlistStorage::allocateString(text.size(), bytes);
-  std::memcpy(bytes, text.data(), text.size());
-}
+PlistValue::PlistValue(std::string_view text) : PlistValue(PlistStorage::makeString(text)) {}
 
 PlistValue::PlistValue(PlistData data) {
   char* bytes = nullptr;

@@ -29,6 +29,22 @@ std::size_t sequenceLength(const unsigned char* bytes, std::size_t left) noexcep
 
 }  // namespace
 
+std::size_t leadingCharacterLength(std::string_view bytes) noexcept {
+  if (bytes.empty()) return 0;
+  const auto* text = reinterpret_cast<const unsigned char*>(bytes.data());
+  return text[0] < 0x80 ? 1 : sequenceLength(text, bytes.size());
+}
+
+std::size_t decodeCharacter(std::string_view bytes, std::uint32_t& character) noexcept {
+  const std::size_t length = leadingCharacterLength(bytes);
+  if (length == 0) return 0;
+  const auto* text = reinterpret_cast<const unsigned char*>(bytes.data());
+  constexpr unsigned char leadBits[] = {0, 0x7F, 0x1F, 0x0F, 0x07};
+  character = text[0] & leadBits[length];
+  for (std::size_t i = 1; i < length; ++i) character = character << 6 | (text[i] & 0x3FU);
+  return length;
+}
+
 std::size_t validUtf8Prefix(std::string_view bytes) noexcept {
   const auto* text = reinterpret_cast<const unsigned char*>(bytes.data());
   std::size_t at = 0;

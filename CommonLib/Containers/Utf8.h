@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -12,6 +13,12 @@ namespace ostrel {
 /// Number of leading bytes of `bytes` that are whole, valid UTF-8 characters: no overlong forms, no surrogates,
 /// nothing above U+10FFFF. Equal to the size when all of it is valid.
 OSTREL_EXPORT std::size_t validUtf8Prefix(std::string_view bytes) noexcept;
+
+/// Number of bytes of the first character of `bytes`, or 0 when they do not begin with a whole, valid one.
+OSTREL_EXPORT std::size_t leadingCharacterLength(std::string_view bytes) noexcept;
+
+/// The same, and the character.
+OSTREL_EXPORT std::size_t decodeCharacter(std::string_view bytes, std::uint32_t& character) noexcept;
 
 inline bool isValidUtf8(std::string_view bytes) noexcept { return validUtf8Prefix(bytes) == bytes.size(); }
 

@@ -3,7 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
+#include <cstring>
 #include <string_view>
 
 #include "Containers/PlistValue.h"
@@ -15,6 +15,7 @@ struct Node {
   std::uint32_t references = 1;
   bool isMutable = false;
   bool isDictionary = false;
+  bool hasPlainKeys = false;  // set by the XML reader: every key stood in the input byte for byte
 };
 
 /// A string longer than the handle holds, or data. The bytes follow the node in the same allocation.
@@ -51,16 +52,56 @@ class OSTREL_EXPORT PlistStorage {
   static PlistValue allocateString(std::size_t length, char*& bytes);
   /// A data value of `length` bytes that the caller fills before the value is shared.
   static PlistValue allocateData(std::size_t length, char*& bytes);
-  /// A container of exactly these members, which are moved out of the span in either case. `makeDictionary` gives
-  /// null when two keys are equal. Every key is a string.
-  static PlistValue makeArray(std::span<PlistValue> members, bool isMutable);
-  static PlistValue makeDictionary(std::span<PlistEntry> members, bool isMutable);
+  /// Cuts the unused end off a data value that nobody else holds yet.
+  static void shrinkData(PlistValue& data, std::size_t length) noexcept;
+  /// A string of any length.
+  static PlistValue makeString(std::string_view text) {
+    if (text.size() > inlineCapacity) return makeLongString(text);
+    PlistValue made;
+    if (!text.empty()) std::memcpy(static_cast<void*>(&made.cell_), text.data(), text.size());
+    made.cell_.length = static_cast<std::uint8_t>(text.size());
+    made.cell_.tag = PlistValue::Tag::inlineString;
+    return made;
+  }
+  /// The same for a short string that stands in sixteen readable bytes. Requires: length <= inlineCapacity.
+  static PlistValue makeShortString(const char* sixteenBytes, std::size_t length) {
+    std::uint64_t low = 0;
+    std::uint64_t high = 0;
+    std::memcpy(&low, sixteenBytes, 8);
+    std::memcpy(&high, sixteenBytes + 8, 8);
+    low &= length >= 8 ? ~std::uint64_t{} : (std::uint64_t{1} << (8 * length)) - 1;
+    high &= length <= 8 ? 0 : (std::uint64_t{1} << (8 * (length - 8))) - 1;
+    PlistValue made;
+    std::memcpy(static_cast<void*>(&made.cell_), &low, 8);
+    std::memcpy(reinterpret_cast<char*>(&made.cell_) + 8, &high, 8);
+    made.cell_.length = static_cast<std::uint8_t>(length);
+    made.cell_.tag = PlistValue::Tag::inlineString;
+    return made;
+  }
+
+  enum class Keys : std::uint8_t { unchecked, knownDistinct };
+
+  /// A container of exactly these members, which are moved from in either case; what they leave need not be destroyed.
+  /// `makeDictionary` takes keys (strings all) and values in turn, and gives null when two keys are equal.
+  static PlistValue makeArray(PlistValue* members, std::size_t count, bool isMutable);
+  static PlistValue makeDictionary(PlistValue* keysAndValues, std::size_t count, bool isMutable, Keys keys);
+
+  /// Another handle on a value that only this thread can reach, without an atomic step.
+  static PlistValue shareUnpublished(const PlistValue& value) noexcept {
+    PlistValue copy;
+    copy.cell_ = value.cell_;
+    if (copy.holdsNode()) ++copy.node()->references;
+    return copy;
+  }
+  static void markPlainKeys(PlistValue& dictionaryValue) noexcept { dictionaryValue.node()->hasPlainKeys = true; }
+  static bool hasPlainKeys(const PlistValue& dictionaryValue) noexcept { return dictionaryValue.node()->hasPlainKeys; }
 
   static constexpr std::size_t inlineCapacity = PlistValue::inlineCapacity;
 
  private:
   friend class ostrel::PlistValue;
 
+  static PlistValue makeLongString(std::string_view text);
   static PlistValue adopt(Node* node, PlistValue::Tag tag) noexcept;
   static BytesNode* newBytes(std::size_t length);
   static ArrayNode* newArray(std::size_t capacity, bool isMutable);
