@@ -161,9 +161,8 @@ class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<Os
   /// bytes. "" when the request is null, empty data, not valid UTF-8 or cannot be serialised.
   static std::string encodeRequest(const PlistValue& request);
   /// buildNSDictionaryFromResponseData: the dictionary that a reply's body holds; {"RawResponse": text} for any other
-  /// UTF-8 text; an empty dictionary for other bytes; null for anything but data.
-  static PlistValue buildNSDictionaryFromResponseData(const PlistValue& bytes);
-  static PlistValue buildNSDictionaryFromResponseData(std::string_view bytes);
+  /// UTF-8 text; an empty dictionary for other bytes; null for absent ones.
+  static PlistValue buildNSDictionaryFromResponseData(std::optional<std::string_view> bytes);
   /// zeroConfName: the name of this host on the local link, ending ".local"; absent when it has none.
   static Text zeroConfName();
   /// defaultHostNameWithResolve: the name (with `resolve`) of this host's first IPv4 address other than 127.0.0.1, else
