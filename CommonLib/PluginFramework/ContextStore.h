@@ -25,8 +25,8 @@ namespace ostrel {
 /// The context, with "contextDirty" false; a file that cannot be read as a context gives an empty one. The open
 /// descriptor goes to `outDescriptor`; `set_and_unlock_context` takes it back.
 /// Null when the lock was not had in time: logged, `outTimedOut` set, and the descriptor stays open and is the
-/// caller's to close. Null with the descriptor -1 when the file cannot be opened or the name holds a NUL. A lock call
-/// that fails for another reason is logged, and the context is given without the lock.
+/// caller's to close. Any other failure to lock is logged, and the context is given without the lock: an empty one with
+/// the descriptor -1, which nothing is stored from, when the file cannot be opened or the name holds a NUL.
 OSTREL_EXPORT PlistValue get_and_lock_context_with_timeout(std::string_view name, int* outDescriptor,
                                                            bool* outTimedOut);
 
