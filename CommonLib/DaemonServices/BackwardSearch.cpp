@@ -92,8 +92,7 @@ char* rgrep(const std::string& path, const std::string_view* filters, std::size_
   if (!status) return nullptr;
   fileSize = status->size;
   const std::string text = detail::searchBackward(
-      file.get(), fileSize,
-      {{filters, filterCount}, byteLimit, lowerBound, std::chrono::seconds(timeLimitSeconds)});
+      file.get(), fileSize, {{filters, filterCount}, byteLimit, lowerBound, std::chrono::seconds(timeLimitSeconds)});
   auto* copy = static_cast<char*>(std::malloc(text.size() + 1));
   if (copy != nullptr) std::memcpy(copy, text.c_str(), text.size() + 1);
   return copy;

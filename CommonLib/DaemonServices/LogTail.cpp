@@ -87,8 +87,8 @@ const char* readFiltered(const std::string& path, PlistValue& offset, PlistValue
   for (const PlistValue& filter : filters.elements()) {
     if (filter.isString()) words.push_back(filter.stringValue());
   }
-  const std::string text = detail::searchBackward(file.get(), status->size,
-                                                  {words, portion.amount, portion.offset, searchTimeLimit});
+  const std::string text =
+      detail::searchBackward(file.get(), status->size, {words, portion.amount, portion.offset, searchTimeLimit});
   offset = status->size;
   amount = portion.amount;
   contents = PlistValue::stringFromUTF8(text);
@@ -135,8 +135,7 @@ const char* do_get_tail_contents(const PlistValue& path, PlistValue& offset, Pli
   return errors::cannotAllocate;
 }
 
-const char* do_get_file_contents(const PlistValue& path, PlistValue& offset, PlistValue& amount,
-                                 PlistValue& contents) {
+const char* do_get_file_contents(const PlistValue& path, PlistValue& offset, PlistValue& amount, PlistValue& contents) {
   contents = PlistValue();
   const char* reached = errors::fileNotFound;
   try {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "DaemonServices/Internal/LongLine.h"
@@ -14,10 +15,15 @@
 namespace ostrel::detail {
 namespace {
 
+/// The search goes in steps of this size: the clock is read after each.
 constexpr std::size_t chunkSize = 32'768;
+/// Reads are one chunk each, so that a search that finds enough near the end of the file reads no more and touches
+/// little memory; one that goes on beyond this many makes fewer and larger ones.
+constexpr std::size_t smallReads = 32;
+constexpr std::size_t largestRead = 16 * chunkSize;
 /// A line longer than this is gathered as a LongLine.
 constexpr std::size_t longestHeldLine = 8 * chunkSize;
-constexpr std::size_t capacity = chunkSize + longestHeldLine + remarkReach;
+constexpr std::size_t capacity = largestRead + longestHeldLine + remarkReach;
 
 struct BufferDeleter {
   void operator()(ByteBuffer* buffer) const noexcept { deleteBuffer(buffer); }
@@ -35,9 +41,10 @@ std::size_t lineFeedBefore(std::string_view text, std::size_t size) {
   return found == nullptr ? std::string_view::npos : static_cast<std::size_t>(found - text.data());
 }
 
-/// One search. The buffer holds, at its end, the carry (the first line of the chunks read so far, whose beginning is
-/// not known yet) and behind it the text that follows the carry in the file; the next chunk is read directly before
-/// the carry. So no byte is moved more than once, nor scanned again because a line spans many chunks.
+/// One search. In the buffer stand, from left to right: bytes that were read and not searched yet, the carry (the
+/// first line of what was searched, whose beginning is not known yet), and the text that follows the carry in the file.
+/// The next chunk is the bytes directly before the carry, so a line that spans chunks is neither copied together nor
+/// scanned twice.
 class Search {
  public:
   Search(int fileDescriptor, std::uint64_t fileSize, const SearchRequest& request)
@@ -53,8 +60,12 @@ class Search {
   std::string run() {
     bool inTime = true;
     while (position_ > lowerBound_ && !collector_.isFull() && inTime) {
-      if (!readChunk()) break;
-      searchChunk();
+      if (!takeChunk()) break;
+      if (longLine_) {
+        searchChunkBeforeLongLine();
+      } else {
+        searchBuffer();
+      }
       inTime = Clock::current().monotonic() < deadline_;
     }
     finishCarry();
@@ -68,20 +79,30 @@ class Search {
     return slice(lineEnd, std::min(lineEnd + remarkReach, followingEnd_));
   }
 
-  /// False when the file ends before the chunk does, or cannot be read.
-  bool readChunk() {
-    const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(chunkSize, position_ - lowerBound_));
+  /// Makes the next chunk the bytes before the carry. False when they cannot be read (the file shrank).
+  bool takeChunk() {
+    if (carryBegin_ == readBegin_ && !readMore()) return false;
+    const std::size_t size = std::min(chunkSize, carryBegin_ - readBegin_);
     chunkBegin_ = carryBegin_ - size;
     position_ -= size;
-    return readAt(file_, at(chunkBegin_), size, position_) == static_cast<ssize_t>(size);
+    return true;
   }
 
-  void searchChunk() {
-    if (longLine_) {
-      searchChunkBeforeLongLine();
-    } else {
-      searchBuffer();
-    }
+  bool readMore() {
+    moveCarryToTheEnd();
+    const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(nextRead_, position_ - lowerBound_));
+    if (++reads_ >= smallReads) nextRead_ = largestRead;
+    readBegin_ = carryBegin_ - size;
+    return readAt(file_, at(readBegin_), size, position_ - size) == static_cast<ssize_t>(size);
+  }
+
+  void moveCarryToTheEnd() {
+    const std::size_t carry = carryEnd_ - carryBegin_;
+    const std::size_t followingSize = followingEnd_ - carryEnd_;
+    const std::size_t from = std::exchange(carryBegin_, capacity - remarkReach - carry);
+    carryEnd_ = carryBegin_ + carry;
+    followingEnd_ = carryEnd_ + followingSize;
+    std::memmove(at(carryBegin_), at(from), carry + followingSize);
   }
 
   void searchChunkBeforeLongLine() {
@@ -89,6 +110,7 @@ class Search {
     const std::size_t lineFeed = lineFeedBefore(chunk, chunk.size());
     if (lineFeed == std::string_view::npos) {
       longLine_->prepend(chunk);
+      setCarry(chunkBegin_, chunkBegin_, chunkBegin_);
       return;
     }
     const std::size_t lineBegin = chunkBegin_ + lineFeed + 1;
@@ -96,9 +118,7 @@ class Search {
     finishLongLine();
     // What stands before the long line goes on as usual. It is followed by the long line, which is no remark: its
     // line feed is out of reach.
-    followingEnd_ = carryBegin_;
-    carryBegin_ = lineBegin;
-    carryEnd_ = lineBegin;
+    setCarry(lineBegin, lineBegin, carryBegin_);
     searchBuffer();
   }
 
@@ -122,32 +142,27 @@ class Search {
   }
 
   void keepFirstLine(std::size_t lineFeed) {
-    if (lineFeed != std::string_view::npos) {
-      const std::size_t end = chunkBegin_ + lineFeed + 1;
-      moveCarry(chunkBegin_, end, following(end).size());
-    } else {
-      carryBegin_ = chunkBegin_;
-      if (carryBegin_ < chunkSize) beginLongLine();
-    }
+    const std::size_t end = lineFeed == std::string_view::npos ? carryEnd_ : chunkBegin_ + lineFeed + 1;
+    setCarry(chunkBegin_, end, std::min(end + remarkReach, followingEnd_));
+    if (carryEnd_ - carryBegin_ > longestHeldLine) beginLongLine();
   }
 
-  /// Moves the line [begin, end) and so many bytes that follow it to the end of the buffer.
-  void moveCarry(std::size_t begin, std::size_t end, std::size_t followingSize) {
-    carryEnd_ = capacity - remarkReach;
-    carryBegin_ = carryEnd_ - (end - begin);
-    followingEnd_ = carryEnd_ + followingSize;
-    std::memmove(at(carryBegin_), at(begin), end - begin + followingSize);
+  void setCarry(std::size_t begin, std::size_t end, std::size_t followingEnd) {
+    carryBegin_ = begin;
+    carryEnd_ = end;
+    followingEnd_ = followingEnd;
   }
 
   void beginLongLine() {
     longLine_.emplace(patterns_, collector_.room());
     longLine_->prepend(slice(carryBegin_, carryEnd_));
-    carryBegin_ = carryEnd_;
+    longLineFollowing_ = following(carryEnd_);
+    setCarry(carryBegin_, carryBegin_, carryBegin_);
     carryHasHit_ = false;
   }
 
   void finishLongLine() {
-    if (longLine_->holdsEveryPattern()) collectWithRemark(longLine_->tail(), following(carryEnd_), collector_);
+    if (longLine_->holdsEveryPattern()) collectWithRemark(longLine_->tail(), longLineFollowing_, collector_);
     longLine_.reset();
   }
 
@@ -164,15 +179,20 @@ class Search {
   const std::chrono::nanoseconds deadline_;
   std::vector<CaseFoldPattern> patterns_;
   LineCollector collector_;
-  std::uint64_t position_;  // where in the file the text that was read begins
+  std::uint64_t position_;  // where in the file the chunk begins
 
   const std::unique_ptr<ByteBuffer, BufferDeleter> buffer_ = makeBuffer();
-  std::size_t chunkBegin_ = 0;
+  std::size_t reads_ = 0;
+  std::size_t nextRead_ = chunkSize;
+  // Places in the buffer.
   std::size_t carryBegin_ = capacity - remarkReach;
   std::size_t carryEnd_ = carryBegin_;
   std::size_t followingEnd_ = carryEnd_;
+  std::size_t readBegin_ = carryBegin_;
+  std::size_t chunkBegin_ = carryBegin_;
   bool carryHasHit_ = false;  // the first pattern begins within the carry
   std::optional<LongLine> longLine_;
+  std::string longLineFollowing_;
 };
 
 }  // namespace
