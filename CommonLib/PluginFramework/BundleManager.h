@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -43,7 +44,7 @@ class OSTREL_EXPORT BundleManager {
   /// `initWithBundle:`: loads the bundle "NAME.bundle" only. Such a host keeps no list of outstanding requests.
   explicit BundleManager(std::string_view moduleName);
   /// Waits for its background threads, then destroys the handlers.
-  ~BundleManager();
+  virtual ~BundleManager();
   BundleManager(const BundleManager&) = delete;
   BundleManager& operator=(const BundleManager&) = delete;
 
@@ -133,13 +134,12 @@ class OSTREL_EXPORT BundleManager {
   using ByModule = std::unordered_map<std::string, Value, NameHash, std::equal_to<>>;
 
   void loadBundle(const std::string& path, const std::string& moduleName);
+  PlistValue runInContext(const PlistValue& request, std::string_view module, const PlistValue& user);
   PlistValue runRequest(PluginRequestHandler& handler, const PlistValue& request, std::string_view module,
                         const PlistValue& context, int* lockFileFD);
   void announceStateChange(const PlistValue& request, std::string_view module, const PlistValue& response);
-  PlistValue lockAndLoad(std::string_view module, int* outFileDescriptor, bool* timedout);
+  bool lockContextFile(std::string_view module, int* outFileDescriptor);
   void reportDeadlockAndQuit(std::string_view module);
-  void storeInCache(std::string_view module, const PlistValue& context, std::int64_t modificationDate)
-      OSTREL_REQUIRES(contextLock);
 
   ByModule<std::unique_ptr<PluginRequestHandler>> modules;
   ByModule<std::shared_ptr<ModuleBundle>> bundles;

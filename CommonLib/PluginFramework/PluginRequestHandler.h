@@ -159,7 +159,6 @@ class OSTREL_EXPORT PluginRequestHandler {
 
  private:
   const PluginOperation* findOperation(std::string_view name) const noexcept;
-  PlistValue call(const PluginOperation& operation, const PlistValue& request);
   /// Calls the command operation of that name, or answers null when there is none.
   PlistValue callIfPresent(std::string_view name, const PlistValue& request);
 

@@ -1,0 +1,126 @@
+// The host's side of the context store: the same files as the plain functions, with a cache and a fatal time-out.
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+
+#include "Platform/Clock.h"
+#include "Platform/FileDescriptor.h"
+#include "Platform/HostRoot.h"
+#include "Platform/SystemLog.h"
+#include "PluginFramework/BundleManager.h"
+#include "PluginFramework/Envelope.h"
+#include "PluginFramework/Internal/ContextFile.h"
+
+namespace ostrel {
+namespace {
+
+constexpr std::chrono::milliseconds waitPerAttempt{100};
+constexpr std::array<std::string_view, 5> longRunningModules{"ostrel_accounts", "ostrel_mail", "ostrel_print",
+                                                             "ostrel_swupdate", "ostrel_web"};
+
+int attemptsFor(std::string_view module) {
+  return std::ranges::find(longRunningModules, module) != longRunningModules.end() ? 9'000 : 1'200;
+}
+
+/// The doubled slash is meant: it is how the host has always spelled the path.
+std::string contextPath(std::string_view module) {
+  return format("%@/%@%@", hostPath("/private/var/ostreld/"), module, ".lock");
+}
+
+std::int64_t wholeSeconds(const FileStatus& status) { return static_cast<std::int64_t>(std::floor(status.modified)); }
+
+}  // namespace
+
+PlistValue BundleManager::getAndLockContext(std::string_view module, int* outFileDescriptor, bool* timedout) {
+  *timedout = false;
+  if (!lockContextFile(module, outFileDescriptor)) {
+    *timedout = true;
+    return nullptr;
+  }
+  detail::handOverContext();
+
+  const auto status = descriptorStatus(*outFileDescriptor);
+  if (!status) throw ContextError("getAndLockContext: error getting file mod date");
+  const std::int64_t fileDate = wholeSeconds(*status);
+  MutexLock lock(contextLock);
+  if (const auto entry = contexts.find(module); entry != contexts.end() && fileDate <= entry->second.contextModDate) {
+    entry->second.context.set("contextDirty", false);
+    return entry->second.context;
+  }
+  PlistValue context = detail::readContext(*outFileDescriptor);
+  contexts.insert_or_assign(std::string(module), CacheEntry{context, fileDate});
+  context.set("contextDirty", false);
+  return context;
+}
+
+bool BundleManager::lockContextFile(std::string_view module, int* outFileDescriptor) {
+  const std::string path = contextPath(module);
+  int attemptsLeft = attemptsFor(module);  // for all openings together
+  for (;;) {
+    errno = ENOENT;
+    const int descriptor = module.find('/') == std::string_view::npos ? detail::openContextFile(path, false) : -1;
+    *outFileDescriptor = descriptor;
+    if (descriptor == -1) {
+      logNotice("[%d] error in getAndLockContext: open returned %d (errno=%d)  file was %s", processId(), descriptor,
+                errno, path);
+      return false;
+    }
+    int failure = 0;
+    for (;;) {
+      if (tryLockFile(descriptor)) return true;
+      failure = errno;
+      if (failure != EWOULDBLOCK && failure != EINTR) break;
+      Clock::current().sleepFor(waitPerAttempt);
+      if (--attemptsLeft < 1) {
+        reportDeadlockAndQuit(module);
+        FileDescriptor closing(*outFileDescriptor);
+        *outFileDescriptor = -1;
+        return false;
+      }
+    }
+    if (plugInLogging) logNotice("outstanding requests are: %@", CopyOutstandingRequests());
+    logNotice("[%d] error in getAndLockContext: flock returned %d (errno=%d) fd = %d file was %s", processId(), -1,
+              failure, descriptor, path);
+    // Opened again; the failed descriptor stays open, which is meant: whoever looks at the process finds it.
+  }
+}
+
+void BundleManager::reportDeadlockAndQuit(std::string_view module) {
+  const PlistValue requests = CopyOutstandingRequests();
+  {
+    const MutexLock lock(mtLock);
+    LogDeadlockToMessageTracer(requests, module);
+  }
+  logNotice("[%d] error in getAndLockContext: flock(%s) FATAL time out", processId(), module);
+  logNotice("[%d] process will force-quit to avoid deadlock", processId());
+  if (plugInLogging) logNotice("outstanding requests are: %@", requests);
+  forceQuitNow_PleaseLookAtHungThreadAndNotThisThread();
+}
+
+void BundleManager::setAndUnlockContext(const PlistValue& context, std::string_view module, int* inoutFileDescriptor) {
+  if (*inoutFileDescriptor == -1) return;
+  if (detail::isDirty(context)) {
+    PlistValue(context).set("contextDirty", false);
+    remove_user_from_dict(context);
+    if (const auto failure = detail::writeContext(*inoutFileDescriptor, context))
+      logNotice("[%d] error in setAndUnlockContext: context of %s not written: %s", processId(), module, *failure);
+    const auto status = descriptorStatus(*inoutFileDescriptor);
+    const MutexLock lock(contextLock);
+    if (status) contexts.insert_or_assign(std::string(module), CacheEntry{context, wholeSeconds(*status)});
+  }
+  detail::handOverContext();
+  unlockFile(*inoutFileDescriptor);
+  FileDescriptor closing(*inoutFileDescriptor);
+  *inoutFileDescriptor = -1;
+}
+
+void BundleManager::updateContextCache(std::string_view module) {
+  int descriptor = -1;
+  bool timedOut = false;
+  const PlistValue context = getAndLockContext(module, &descriptor, &timedOut);
+  if (!timedOut) setAndUnlockContext(context, module, &descriptor);
+}
+
+}  // namespace ostrel

@@ -1,0 +1,265 @@
+#include "PluginFramework/PluginRequestHandler.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstdint>
+#include <limits>
+#include <typeindex>
+#include <unordered_map>
+#include <utility>
+
+#include "Containers/ErrorCodes.h"
+#include "DaemonServices/LogTail.h"
+#include "Network/NetworkChangeContext.h"
+#include "Platform/NotificationCenter.h"
+#include "Platform/SystemLog.h"
+#include "PluginFramework/ContextStore.h"
+#include "PluginFramework/Envelope.h"
+#include "PluginFramework/Internal/ModuleException.h"
+
+namespace ostrel {
+namespace {
+
+constexpr const char* networkChanged = "com.brantle.ostrel_info.netchanged";
+constexpr std::string_view networkObserverName = "didReceiveNetworkChangedNotification:";
+
+/// What a handler knows of the request that runs on this thread.
+struct RequestState {
+  PlistValue context;
+  PlistValue request;
+  int lockFileFD = -1;
+};
+
+std::unordered_map<std::type_index, RequestState>& statesByClass() {
+  thread_local std::unordered_map<std::type_index, RequestState> states;
+  return states;
+}
+
+/// This thread's entry for the class of the handler, or nullptr.
+RequestState* findState(const PluginRequestHandler& handler) {
+  const auto found = statesByClass().find(typeid(handler));
+  return found == statesByClass().end() ? nullptr : &found->second;
+}
+
+/// Decimal digits after white space and a sign; what follows them is ignored. Beyond an int: its nearest end.
+int leadingInteger(std::string_view text) {
+  text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
+  const bool negative = text.starts_with('-');
+  if (text.starts_with('+')) text.remove_prefix(1);
+  int value = 0;
+  const auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (fault == std::errc::result_out_of_range)
+    return negative ? std::numeric_limits<int>::min() : std::numeric_limits<int>::max();
+  return value;
+}
+
+const OperationTable& baseOperations() {
+  static const OperationTable table{{"setStateWithRequest:", &PluginRequestHandler::setStateWithRequest},
+                                    {"tailFileWithRequest:", &PluginRequestHandler::tailFileWithRequest}};
+  return table;
+}
+
+}  // namespace
+
+OperationTable::OperationTable(std::initializer_list<PluginOperation> operations) { add(operations); }
+
+OperationTable::OperationTable(const OperationTable& base, std::initializer_list<PluginOperation> operations)
+    : operations_(base.operations_) {
+  add(operations);
+}
+
+void OperationTable::add(std::initializer_list<PluginOperation> operations) {
+  for (const PluginOperation& operation : operations) operations_.insert_or_assign(operation.name, operation);
+}
+
+const PluginOperation* OperationTable::find(std::string_view name) const noexcept {
+  const auto found = operations_.find(name);
+  return found == operations_.end() ? nullptr : &found->second;
+}
+
+PluginRequestHandler::PluginRequestHandler(const OperationTable& operations) : operations_(operations) {}
+
+PluginRequestHandler::~PluginRequestHandler() { stopObserving(); }
+
+// ---- operations by name
+// -----------------------------------------------------------------------------------------------
+
+const PluginOperation* PluginRequestHandler::findOperation(std::string_view name) const noexcept {
+  const PluginOperation* operation = operations_.find(name);
+  return operation != nullptr ? operation : baseOperations().find(name);
+}
+
+bool PluginRequestHandler::respondsTo(std::string_view operationName) const noexcept {
+  return findOperation(operationName) != nullptr;
+}
+
+PlistValue PluginRequestHandler::callIfPresent(std::string_view name, const PlistValue& request) {
+  const PluginOperation* operation = findOperation(name);
+  if (operation == nullptr || operation->command == nullptr) return nullptr;
+  return (this->*operation->command)(request);
+}
+
+// ---- entries for the host
+// ---------------------------------------------------------------------------------------------
+
+PlistValue PluginRequestHandler::doProcessInputWithRequest(const PlistValue& request, const PlistValue& context,
+                                                           int* lockFileFD) {
+  const PlistValue command = request.get("command");
+  if (!command.isString()) return nullptr;
+  const std::string_view name = command.stringValue();
+  const PluginOperation* operation = nullptr;
+  // With a colon or a NUL in it the command could only name an operation of another form.
+  if (name.find_first_of(std::string_view(":\0", 2)) == std::string_view::npos)
+    operation = findOperation(std::string(name) + "WithRequest:");
+  if (operation == nullptr || operation->command == nullptr) return responseForError(errors::unexpectedCommand);
+
+  PlistValue response;
+  storeContext(context, request, lockFileFD);
+  try {
+    response = (this->*operation->command)(request);
+  } catch (...) {
+    // The entry is left for the next request to overwrite, but the host must not close a descriptor that the
+    // operation has given up already.
+    if (const RequestState* state = findState(*this)) *lockFileFD = state->lockFileFD;
+    throw;
+  }
+  *lockFileFD = cleanupFromRequest();
+  return response.isNull() ? responseForError(errors::unexpectedCommand) : response;
+}
+
+int PluginRequestHandler::doProcessArgsWithArgc(int argc, const char* const* argv, const PlistValue& context,
+                                                int* lockFileFD) {
+  int result = 0;
+  storeContext(context, nullptr, lockFileFD);
+  try {
+    if (argc == 3 && std::string_view(argv[1]) == "idle") result = doIdleAtCount(leadingInteger(argv[2]));
+  } catch (...) {
+    if (const RequestState* state = findState(*this)) *lockFileFD = state->lockFileFD;
+    throw;
+  }
+  *lockFileFD = cleanupFromRequest();
+  return result;
+}
+
+void PluginRequestHandler::storeContext(const PlistValue& context, const PlistValue& request, const int* lockFileFD) {
+  RequestState& state = statesByClass()[typeid(*this)];
+  state.context = context;
+  state.lockFileFD = *lockFileFD;
+  if (!request.isNull()) state.request = request;
+}
+
+int PluginRequestHandler::cleanupFromRequest() {
+  const RequestState* state = findState(*this);
+  const int descriptor = state == nullptr ? -1 : state->lockFileFD;
+  statesByClass().erase(typeid(*this));
+  return descriptor;
+}
+
+// ---- the request of this thread
+// ---------------------------------------------------------------------------------------
+
+PlistValue PluginRequestHandler::currentRequest() const {
+  const RequestState* state = findState(*this);
+  return state == nullptr ? PlistValue() : state->request;
+}
+
+PlistValue PluginRequestHandler::currentCommand() const { return currentRequest().get("command"); }
+
+PlistValue PluginRequestHandler::currentUserName() const { return do_get_user(context()); }
+
+PlistValue PluginRequestHandler::context() const {
+  const RequestState* state = findState(*this);
+  return state == nullptr ? PlistValue() : state->context;
+}
+
+void PluginRequestHandler::unlockContext() {
+  if (RequestState* state = findState(*this)) set_and_unlock_context(&state->lockFileFD, &state->context);
+}
+
+PlistValue PluginRequestHandler::responseForError(const char* errorCode) {
+  return PlistValue::dictionaryOf({{"error", errorCode}});
+}
+
+// ---- operations that a module may override
+// ------------------------------------------------------------------------------
+
+PlistValue PluginRequestHandler::startServiceWithVariant(const PlistValue&) { return nullptr; }
+PlistValue PluginRequestHandler::stopServiceWithVariant(const PlistValue&) { return nullptr; }
+PlistValue PluginRequestHandler::recycleServiceWithVariant(const PlistValue&) { return nullptr; }
+PlistValue PluginRequestHandler::restartServiceWithVariant(const PlistValue& variant) {
+  stopServiceWithVariant(variant);
+  return startServiceWithVariant(variant);
+}
+
+int PluginRequestHandler::doIdleAtCount(int) { return 0; }
+
+PlistValue PluginRequestHandler::setStateWithRequest(const PlistValue& request) {
+  using StateOperation = PlistValue (PluginRequestHandler::*)(const PlistValue&);
+  static constexpr std::array<std::pair<std::string_view, StateOperation>, 4> operations{{
+      {"START", &PluginRequestHandler::startServiceWithVariant},
+      {"STOP", &PluginRequestHandler::stopServiceWithVariant},
+      {"RESTART", &PluginRequestHandler::restartServiceWithVariant},
+      {"RECYCLE", &PluginRequestHandler::recycleServiceWithVariant},
+  }};
+  const PlistValue state = request.get("state");
+  const auto selected =
+      std::ranges::find_if(operations, [&](const auto& each) { return each.first == state.stringValue(); });
+  if (selected == operations.end()) return responseForError(errors::invalidArgument);
+
+  PlistValue response = (this->*selected->second)(request.get("variant"));
+  return response.isNull() ? callIfPresent("getStateWithRequest:", request) : response;
+}
+
+PlistValue PluginRequestHandler::tailFileWithRequest(const PlistValue& request) {
+  const PlistValue identifier = get_str_value_for_key(request, "identifier");
+  PlistValue path = get_str_value_for_key(request, "path");
+  PlistValue offset = request.get("offset");
+  PlistValue amount = request.get("amount");
+  if (identifier.isNull() && path.isNull()) return responseForError(errors::invalidArgument);
+  if (!offset.isNumber() || !amount.isNumber()) return responseForError(errors::invalidArgument);
+
+  const PlistValue allowedLogs = callIfPresent("getLogPathsWithRequest:", request);
+  PlistValue contents;
+  if (!identifier.isNull()) {
+    const char* error = do_get_tail_contents_for_identifier(identifier, allowedLogs, path = nullptr, offset, amount,
+                                                            contents, context(), request);
+    if (error != nullptr) return responseForError(error);
+    return PlistValue::dictionaryOf({{"identifier", identifier},
+                                     {"path", path},
+                                     {"offset", offset},
+                                     {"amount", amount},
+                                     {"tailContents", contents}});
+  }
+  const char* error =
+      do_verify_path_and_get_tail_contents(path, allowedLogs, offset, amount, contents, context(), request);
+  if (error != nullptr) return responseForError(error);
+  return PlistValue::dictionaryOf({{"path", path}, {"offset", offset}, {"amount", amount}, {"tailContents", contents}});
+}
+
+// ---- network changes
+// ----------------------------------------------------------------------------------------------------
+
+void PluginRequestHandler::startObserving() {
+  if (!respondsTo(networkObserverName)) return;
+  NotificationCenter::defaultCenter().addObserver(this, networkChanged, [this](const Notification& notification) {
+    // One module's fault must not keep the change from the observers after it.
+    try {
+      handleNetworkDidChangeNotification(notification);
+    } catch (...) {
+      logNotice("[%d] Exception in didReceiveNetworkChangedNotification: %@", processId(),
+                detail::describeCurrentException());
+    }
+  });
+}
+
+void PluginRequestHandler::stopObserving() { NotificationCenter::defaultCenter().removeObserver(this); }
+
+void PluginRequestHandler::handleNetworkDidChangeNotification(const Notification& notification) {
+  const PluginOperation* operation = findOperation(networkObserverName);
+  if (operation == nullptr || operation->networkObserver == nullptr) return;
+  const auto change = NetworkChangeContext::networkChangeContextWithNotification(notification);
+  (this->*operation->networkObserver)(*change);
+}
+
+}  // namespace ostrel
