@@ -1,0 +1,40 @@
+#include "ostreld/AuditLine.h"
+
+#include "Containers/Format.h"
+#include "Platform/SystemLog.h"
+
+namespace ostrel {
+namespace {
+
+constexpr std::size_t longestText = 96;
+
+std::string quoted(std::string_view text) {
+  if (text.empty()) return "\"-\"";
+  std::string out = "\"";
+  for (const char c : text.substr(0, longestText)) {
+    const bool plain = c >= ' ' && c <= '~' && c != '"' && c != '\\';
+    if (plain) {
+      out += c;
+    } else {
+      out += format("\\x%02X", static_cast<unsigned char>(c));
+    }
+  }
+  if (text.size() > longestText) out += "...";
+  return out + '"';
+}
+
+}  // namespace
+
+std::string auditLine(const AuditRecord& record) {
+  const double milliseconds = std::chrono::duration<double, std::milli>(record.duration).count();
+  return format("audit user=%s from=%s module=%s command=%s outcome=%s ms=%.3f", quoted(record.who),
+                quoted(record.from), quoted(record.module), quoted(record.command), quoted(record.outcome),
+                milliseconds);
+}
+
+void writeAudit(const AuditRecord& record) {
+  const LogLevel level = record.outcome.starts_with("refused") ? LogLevel::warning : LogLevel::notice;
+  logAt(level, "[%d] %s", processId(), auditLine(record));
+}
+
+}  // namespace ostrel

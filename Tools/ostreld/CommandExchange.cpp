@@ -1,0 +1,158 @@
+#include "ostreld/CommandExchange.h"
+
+#include <exception>
+#include <utility>
+
+#include "Containers/ErrorCodes.h"
+#include "Containers/Format.h"
+#include "Platform/Clock.h"
+#include "Platform/SystemLog.h"
+#include "PluginFramework/Envelope.h"
+#include "ostreld/RequestSyntax.h"
+
+namespace ostrel {
+namespace {
+
+constexpr std::string_view sessionHeader = "OstrelSessionID";
+
+const char* phraseOf(int status) {
+  switch (status) {
+    case 400:
+      return "Bad Request";
+    case 401:
+      return "Unauthorized";
+    case 404:
+      return "Not Found";
+    case 405:
+      return "Method Not Allowed";
+    case 413:
+      return "Content Too Large";
+    default:
+      return "Request Header Fields Too Large";
+  }
+}
+
+const char* reasonOf(RequestFault fault) {
+  switch (fault) {
+    case RequestFault::badEscape:
+      return "bad percent-escape";
+    case RequestFault::wrongPath:
+      return "wrong path";
+    case RequestFault::repeatedInput:
+      return "repeated input";
+    default:
+      return "no input";
+  }
+}
+
+}  // namespace
+
+CommandExchange::CommandExchange(const ExchangeRules& rules, std::string from, const RequestHead& head)
+    : rules_(rules), begun_(Clock::current().monotonic()) {
+  record_.from = std::move(from);
+  judge(head);
+}
+
+void CommandExchange::judge(const RequestHead& head) {
+  const CommandPath path = readCommandPath(head.path);
+  record_.module = path.module;
+  if (head.bytes > rules_.maximumHead) return refuse(431, "head too large");
+  if (head.method != "POST") return refuse(405, "wrong method");
+  if (path.fault == RequestFault::badEscape) return refuse(400, reasonOf(path.fault));
+  if (path.fault != RequestFault::none) return refuse(404, reasonOf(path.fault));
+  auto caller = rules_.authenticator.authenticate(head.sessionIdentifier, head.authorization);
+  if (!caller) return refuse(401, "not authenticated");
+  caller_ = std::move(*caller);
+  record_.who = caller_.user;
+  if (head.contentLength && *head.contentLength > rules_.maximumBody) return refuse(413, "body too large");
+  if (head.contentLength) body_.reserve(static_cast<std::size_t>(*head.contentLength));
+}
+
+void CommandExchange::refuse(int status, std::string reason) {
+  Reply reply;
+  reply.status = status;
+  reply.contentType = "text/plain; charset=utf-8";
+  reply.body = format("%d %s: %s\n", status, phraseOf(status), reason);
+  if (status == 401) reply.headers.emplace_back("WWW-Authenticate", "Basic realm=\"ostreld\", charset=\"UTF-8\"");
+  if (status == 405) reply.headers.emplace_back("Allow", "POST");
+  refusal_ = std::move(reply);
+  record_.outcome = format("refused %d %s", status, reason);
+}
+
+void CommandExchange::receive(std::string_view bytes) {
+  if (isRefused()) return;
+  if (bytes.size() > rules_.maximumBody - body_.size()) {
+    std::string().swap(body_);
+    return refuse(413, "body too large");
+  }
+  body_ += bytes;
+}
+
+Reply CommandExchange::finish() {
+  finished_ = true;
+  if (!isRefused()) decodeBody();
+  Reply reply = isRefused() ? std::move(*refusal_) : answer();
+  if (!caller_.sessionIdentifier.empty()) reply.headers.emplace_back(sessionHeader, caller_.sessionIdentifier);
+  audit();
+  return reply;
+}
+
+void CommandExchange::abandon(const std::string& reason) {
+  finished_ = true;
+  record_.outcome = isRefused() ? record_.outcome : "refused " + reason;
+  audit();
+}
+
+void CommandExchange::decodeBody() {
+  isEmpty_ = body_.empty();
+  if (isEmpty_) return;
+  FormBody form = readFormBody(body_);
+  if (form.fault != RequestFault::none) return refuse(400, reasonOf(form.fault));
+  body_ = std::move(form.input);
+}
+
+Reply CommandExchange::answer() {
+  // An empty body has the caller checked and asks nothing of the module.
+  if (isEmpty_) return documentOf(PlistValue::dictionaryOf({}));
+  PlistValue request;
+  PlistValue errorDocument;
+  if (!convert_request_data_to_dict(PlistData{body_}, request, errorDocument)) {
+    record_.outcome = format("error %s", errors::cannotParseXmlRequest);
+    Reply reply;
+    reply.body = errorDocument.dataBytes();
+    return reply;
+  }
+  record_.command = get_str_value_for_key(request, "command").stringValue();
+  return documentOf(runCommand(request));
+}
+
+/// What the host throws means that it cannot run the module: the caller is told so, and the log why.
+PlistValue CommandExchange::runCommand(const PlistValue& request) {
+  try {
+    return rules_.run(request, record_.module, caller_.user);
+  } catch (const std::exception& error) {
+    logAt(LogLevel::error, "[%d] ostreld cannot run module %s: %s", processId(), record_.module, error.what());
+    return PlistValue::dictionaryOf({{"error", errors::cannotRunBundle}});
+  }
+}
+
+Reply CommandExchange::documentOf(const PlistValue& response) {
+  PlistValue document;
+  Reply reply;
+  if (convert_response_dict_to_data(response, document)) {
+    const PlistValue error = get_str_value_for_key(response, "error");
+    record_.outcome = error.isNull() ? "ok" : format("error %s", error.stringValue());
+  } else {
+    record_.outcome =
+        format("error %s", response.isNull() ? errors::unexpectedCommand : errors::cannotCreateXmlResponse);
+  }
+  reply.body = document.dataBytes();
+  return reply;
+}
+
+void CommandExchange::audit() {
+  record_.duration = Clock::current().monotonic() - begun_;
+  writeAudit(record_);
+}
+
+}  // namespace ostrel

@@ -1,0 +1,99 @@
+#include "ostreld/RunningFiles.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "Containers/Format.h"
+#include "Platform/Files.h"
+#include "Platform/RandomDevice.h"
+#include "Platform/SystemLog.h"
+#include "Platform/UserDatabase.h"
+#include "Shared/DaemonFiles.h"
+
+namespace ostrel {
+namespace {
+
+constexpr std::size_t tokenLength = 32;
+
+bool isLetterOrDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
+
+/// Bytes that are no letter or digit are dropped, not mapped: each character stays equally likely.
+std::optional<std::string> randomToken() {
+  const FileDescriptor random = RandomDevice::current().open();
+  std::string token;
+  while (random && token.size() < tokenLength) {
+    char byte = 0;
+    if (readSome(random.get(), &byte, 1) != 1) return std::nullopt;
+    if (isLetterOrDigit(byte)) token += byte;
+  }
+  if (!random) return std::nullopt;
+  return token;
+}
+
+bool makeFolder(const char* path, mode_t mode, std::string& fault) {
+  const std::string folder = hostPath(path);
+  if (makeDirectories(folder, mode)) return true;
+  fault = format("cannot make the folder %s: %s", folder, std::strerror(errno));
+  return false;
+}
+
+bool writeLine(const std::string& file, const std::string& line, mode_t mode, std::string& fault) {
+  if (writeFileAtomically(file, line + '\n', {.mode = mode, .keepExisting = false})) return true;
+  fault = format("cannot write %s: %s", file, std::strerror(errno));
+  return false;
+}
+
+}  // namespace
+
+std::optional<std::string> makeSessionIdentifier() {
+  const auto user = UserDatabase::current().userWithId(geteuid());
+  const auto token = randomToken();
+  if (!token) return std::nullopt;
+  // A user without a name is told by number; the name of one that holds "@" would end there.
+  const bool named = user && !user->name.empty() && user->name.find('@') == std::string::npos;
+  return (named ? user->name : format("%d", geteuid())) + "@" + *token;
+}
+
+std::optional<RunningFiles> RunningFiles::claim(std::string& fault) {
+  // Contexts and sessions are the daemon's alone; clients look for its address and certificate.
+  if (!makeFolder("/private/var", 0755, fault) || !makeFolder("/private/var/ostreld", 0700, fault) ||
+      !makeFolder("/var/ostreld", 0755, fault) || !makeFolder("/var/ostreld/sessions", 0700, fault)) {
+    return std::nullopt;
+  }
+  const std::string file = daemonFiles::processId();
+  FileDescriptor lock = openFile(file, O_RDWR | O_CREAT | O_NOFOLLOW, 0644);
+  if (!lock) {
+    fault = format("cannot open %s: %s", file, std::strerror(errno));
+    return std::nullopt;
+  }
+  if (!tryLockFile(lock.get())) {
+    const auto holder = readToEnd(lock.get(), 32);
+    fault = format("another ostreld (process %s) runs below this root: stop it, or choose another with --root",
+                   holder && !holder->empty() ? holder->substr(0, holder->find('\n')) : "unknown");
+    return std::nullopt;
+  }
+  removeFile(daemonFiles::endpoint());
+  removeFile(daemonFiles::localSession());
+  return RunningFiles(std::move(lock));
+}
+
+RunningFiles::~RunningFiles() {
+  if (!lock_) return;
+  removeFile(daemonFiles::endpoint());
+  removeFile(daemonFiles::localSession());
+  truncateFile(lock_.get(), 0);
+}
+
+bool RunningFiles::publish(const std::string& sessionIdentifier, const SocketAddress& address, std::string& fault) {
+  if (!truncateFile(lock_.get(), 0) || !writeAt(lock_.get(), format("%d\n", processId()), 0)) {
+    fault = format("cannot write %s: %s", daemonFiles::processId(), std::strerror(errno));
+    return false;
+  }
+  return writeLine(daemonFiles::localSession(), sessionIdentifier, 0600, fault) &&
+         writeLine(daemonFiles::endpoint(), format("%s %d", address.numericHost(), address.port()), 0644, fault);
+}
+
+}  // namespace ostrel
