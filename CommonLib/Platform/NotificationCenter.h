@@ -13,12 +13,12 @@
 
 namespace ostrel {
 
-struct Notification {
-  std::string name;
-  PlistValue object;    ///< the sender as a value (a module's name); null when there is none
-  PlistValue userInfo;  ///< a dictionary; null when there is none
+struct OSTREL_EXPORT Notification {
+  std::string name = {};
+  PlistValue object = {};    ///< the sender as a value (a module's name); null when there is none
+  PlistValue userInfo = {};  ///< a dictionary; null when there is none
   /// What is no property-list value travels here; poster and observers of the name agree on the type.
-  std::shared_ptr<void> payload;
+  std::shared_ptr<void> payload = {};
 
   /// One line for logs: name, object and userInfo.
   std::string description() const;

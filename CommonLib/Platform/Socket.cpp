@@ -71,6 +71,10 @@ ssize_t receiveSome(int descriptor, void* buffer, std::size_t capacity) {
 }
 
 std::optional<Readiness> waitUntilReady(int descriptor, std::optional<std::chrono::milliseconds> timeout) {
+  if (descriptor < 0) {  // poll(2) would pass it over
+    errno = EBADF;
+    return std::nullopt;
+  }
   const auto deadline = deadlineAfter(timeout);
   for (;;) {
     pollfd watched{descriptor, POLLIN | POLLOUT, 0};

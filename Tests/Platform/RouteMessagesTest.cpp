@@ -1,0 +1,114 @@
+#include "Platform/Internal/RouteMessages.h"
+
+#include <linux/rtnetlink.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace ostrel::detail {
+namespace {
+
+template <class Value>
+std::string bytesOf(const Value& value) {
+  return {reinterpret_cast<const char*>(&value), sizeof value};
+}
+
+std::string attribute(unsigned short type, const std::string& payload) {
+  const rtattr header{static_cast<unsigned short>(RTA_LENGTH(payload.size())), type};
+  std::string bytes = bytesOf(header) + payload;
+  bytes.resize(RTA_ALIGN(bytes.size()));
+  return bytes;
+}
+
+std::string number(unsigned short type, std::uint32_t value) { return attribute(type, bytesOf(value)); }
+
+std::string nextHop(int index, unsigned char flags) { return bytesOf(rtnexthop{sizeof(rtnexthop), flags, 0, index}); }
+
+std::string message(unsigned short type, const std::string& payload) {
+  nlmsghdr header{};
+  header.nlmsg_type = type;
+  header.nlmsg_len = static_cast<std::uint32_t>(NLMSG_HDRLEN + payload.size());
+  std::string bytes = bytesOf(header) + payload;
+  bytes.resize(NLMSG_ALIGN(bytes.size()));
+  return bytes;
+}
+
+struct Route {
+  unsigned char prefixLength = 0;
+  unsigned char type = RTN_UNICAST;
+  unsigned int flags = 0;
+  unsigned char table = RT_TABLE_MAIN;
+};
+
+std::string route(const Route& route, const std::string& attributes) {
+  rtmsg body{};
+  body.rtm_dst_len = route.prefixLength;
+  body.rtm_type = route.type;
+  body.rtm_flags = route.flags;
+  body.rtm_table = route.table;
+  return message(RTM_NEWROUTE, bytesOf(body) + attributes);
+}
+
+TEST(RouteMessages, TheBestDefaultRouteIsChosen) {
+  const std::string viaTwo = number(RTA_OIF, 2) + number(RTA_PRIORITY, 100);
+  const struct {
+    const char* what;
+    std::string dump;
+    unsigned int index;  // 0: none
+  } cases[] = {
+      {"no route", "", 0},
+      {"a plain one", route({}, viaTwo), 2},
+      {"no metric is the metric 0", route({}, viaTwo) + route({}, number(RTA_OIF, 3)), 3},
+      {"the lower metric wins", route({}, number(RTA_OIF, 3) + number(RTA_PRIORITY, 101)) + route({}, viaTwo), 2},
+      {"of equals the first wins", route({}, viaTwo) + route({}, number(RTA_PRIORITY, 100) + number(RTA_OIF, 3)), 2},
+      {"a route to a network is none", route({.prefixLength = 24}, viaTwo), 0},
+      {"an unreachable default is none", route({.type = RTN_UNREACHABLE}, viaTwo), 0},
+      {"a dead one is none", route({.flags = RTNH_F_DEAD}, viaTwo), 0},
+      {"one without its link is none", route({.flags = RTNH_F_LINKDOWN}, viaTwo), 0},
+      {"another table", route({.table = RT_TABLE_LOCAL}, viaTwo), 0},
+      {"the table attribute overrules", route({}, viaTwo + number(RTA_TABLE, 1000)), 0},
+      {"the first next hop that is up", route({}, attribute(RTA_MULTIPATH, nextHop(4, RTNH_F_DEAD) + nextHop(5, 0))),
+       5},
+      {"no interface", route({}, number(RTA_PRIORITY, 1)), 0},
+      {"other messages are passed over", message(RTM_NEWADDR, viaTwo) + route({}, viaTwo), 2},
+      {"what follows the end is left", message(NLMSG_DONE, "") + route({}, viaTwo), 0},
+  };
+  for (const auto& [what, dump, index] : cases) {
+    DefaultRouteScan scan;
+    scanRouteMessages(dump + message(NLMSG_DONE, std::string(4, '\0')), scan);
+    EXPECT_TRUE(scan.ended) << what;
+    EXPECT_EQ(scan.interfaceIndex.value_or(0), index) << what;
+  }
+}
+
+TEST(RouteMessages, ADumpMayComeInSeveralDatagrams) {
+  DefaultRouteScan scan;
+  scanRouteMessages(route({}, number(RTA_OIF, 2) + number(RTA_PRIORITY, 7)), scan);
+  EXPECT_FALSE(scan.ended);
+  scanRouteMessages(route({}, number(RTA_OIF, 3) + number(RTA_PRIORITY, 8)) + message(NLMSG_DONE, ""), scan);
+  EXPECT_TRUE(scan.ended);
+  EXPECT_EQ(scan.interfaceIndex, 2U);
+}
+
+// Under the address sanitizer: no length, whatever it says, leads outside the datagram, and every scan ends.
+TEST(RouteMessages, TornAndCorruptedMessagesAreReadSafely) {
+  const std::string whole =
+      route({}, number(RTA_OIF, 2) + attribute(RTA_MULTIPATH, nextHop(4, RTNH_F_DEAD) + nextHop(5, 0)));
+  for (std::size_t size = 0; size < whole.size(); ++size) {
+    DefaultRouteScan scan;
+    scanRouteMessages(std::string(whole, 0, size), scan);
+    EXPECT_FALSE(scan.interfaceIndex) << size;
+  }
+  for (std::size_t at = 0; at < whole.size(); ++at) {
+    for (const char value : {'\0', '\1', '\3', '\x7F', '\xFF'}) {
+      std::string corrupted = whole;
+      corrupted[at] = value;
+      DefaultRouteScan scan;
+      scanRouteMessages(corrupted, scan);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace ostrel::detail
