@@ -75,7 +75,8 @@ std::string alternativeNames(const CertificateNames& names) {
   const auto add = [&list](std::string_view kind, const std::string& name) {
     // A comma would begin another entry of the extension's text form.
     if (name.empty() || name.find_first_of(", \t\r\n") != std::string::npos) return;
-    list += (list.empty() ? "" : ",") + std::string(kind) + name;
+    if (!list.empty()) list += ',';
+    list.append(kind).append(name);
   };
   for (const std::string& name : names.names) add("DNS:", name);
   for (const std::string& address : names.addresses) {

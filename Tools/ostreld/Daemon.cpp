@@ -98,7 +98,10 @@ std::optional<CertificateAndKey> certificateFor(const DaemonOptions& options, st
 void announce(const DaemonOptions& options, const CommandServer& server, const std::optional<CertificateAndKey>& tls,
               const BundleManager& modules) {
   std::string names;
-  for (const std::string& name : modules.moduleNames()) names += (names.empty() ? "" : ", ") + name;
+  for (const std::string& name : modules.moduleNames()) {
+    if (!names.empty()) names += ", ";
+    names += name;
+  }
   logNotice("[%d] modules loaded: %s", processId(), names.empty() ? "none" : names);
   for (const auto& failure : modules.loadFailures()) {
     logAt(LogLevel::warning, "[%d] not loaded: %s: %s", processId(), failure.path, failure.reason);
