@@ -70,8 +70,8 @@ bool isInterruptedWrite(std::string_view current, const JournalRecord& record) {
   const std::string_view newBytes = record.newBytes;
   const std::string_view oldBytes = record.oldBytes;
   if (current == newBytes || current == oldBytes) return false;
-  const auto [shorter, longer] = std::minmax(newBytes.size(), oldBytes.size());
-  if (current.size() < shorter || current.size() > longer) return false;
+  if (current.size() < std::min(newBytes.size(), oldBytes.size())) return false;
+  if (current.size() > std::max(newBytes.size(), oldBytes.size())) return false;
   for (std::size_t i = 0; i < current.size(); ++i) {
     const bool isNew = i < newBytes.size() && current[i] == newBytes[i];
     const bool isOld = i < oldBytes.size() ? current[i] == oldBytes[i] : current[i] == '\0';
