@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <cstring>
 #include <new>
+#include <utility>
+#include <vector>
 
 #include "DaemonServices/Internal/CaseFoldSearch.h"
 #include "DaemonServices/Internal/RegularFile.h"
@@ -35,26 +36,29 @@ void collectIfMatching(std::string_view line, std::span<const CaseFoldPattern> p
 
 }  // namespace detail
 
-std::string LineCollector::text() const {
-  std::string text;
-  text.reserve(total_);
-  for (std::size_t i = first_; i < lines_.size(); ++i) text += lines_[i];
-  return text;
+std::string_view LineCollector::text() const noexcept {
+  if (total_ == 0) return {};
+  return {lines_->bytes + lines_->capacity - total_, total_};
+}
+
+/// Makes the front free for `size` more bytes.
+void LineCollector::growBy(std::size_t size) {
+  const std::size_t capacity = lines_ ? lines_->capacity : 0;
+  if (capacity - total_ >= size) return;
+  OwnedByteBuffer larger(newBuffer(std::max(2 * capacity + 1, total_ + size)));
+  if (!larger) throw std::bad_alloc();
+  const std::string_view held = text();
+  std::ranges::copy(held, larger->bytes + larger->capacity - held.size());
+  lines_ = std::move(larger);
 }
 
 void addLineToBuffer(LineCollector& collector, const char* start, const char* end) {
-  const std::uint64_t room = collector.room();
-  if (room == 0 || start == end) return;
-  if (static_cast<std::uint64_t>(end - start) > room) start = end - room;
-  if (collector.first_ == 0) {
-    const std::size_t held = collector.lines_.size();
-    std::vector<std::string> larger(2 * held + 1);
-    collector.first_ = larger.size() - held;
-    std::ranges::move(collector.lines_, larger.begin() + static_cast<std::ptrdiff_t>(collector.first_));
-    collector.lines_ = std::move(larger);
-  }
-  collector.lines_[--collector.first_].assign(start, end);
-  collector.total_ += static_cast<std::uint64_t>(end - start);
+  if (collector.room() == 0) return;
+  auto size = static_cast<std::size_t>(end - start);
+  if (size > collector.room()) size = static_cast<std::size_t>(collector.room());
+  collector.growBy(size);
+  collector.total_ += size;
+  std::copy_n(end - size, size, collector.lines_->bytes + collector.lines_->capacity - collector.total_);
 }
 
 void checkMatch(const char* line, const char* lineEnd, const std::string_view* filters, std::size_t filterCount,
@@ -91,10 +95,11 @@ char* rgrep(const std::string& path, const std::string_view* filters, std::size_
   const auto status = descriptorStatus(file.get());
   if (!status) return nullptr;
   fileSize = status->size;
-  const std::string text = detail::searchBackward(
+  const LineCollector found = detail::searchBackward(
       file.get(), fileSize, {{filters, filterCount}, byteLimit, lowerBound, std::chrono::seconds(timeLimitSeconds)});
+  const std::string_view text = found.text();
   auto* copy = static_cast<char*>(std::malloc(text.size() + 1));
-  if (copy != nullptr) std::memcpy(copy, text.c_str(), text.size() + 1);
+  if (copy != nullptr) *std::ranges::copy(text, copy).out = '\0';
   return copy;
 } catch (const std::bad_alloc&) {
   return nullptr;

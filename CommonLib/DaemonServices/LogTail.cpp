@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
@@ -60,7 +59,7 @@ const char* readPortion(const std::string& path, PlistValue& offset, PlistValue&
   reached = errors::cannotAllocate;
   if (portion.amount > SIZE_MAX) return reached;
   const auto size = static_cast<std::size_t>(portion.amount);
-  const std::unique_ptr<ByteBuffer, decltype(&deleteBuffer)> buffer(newBuffer(size), deleteBuffer);
+  const OwnedByteBuffer buffer(newBuffer(size));
   if (!buffer) return reached;
 
   reached = errors::cannotRead;
@@ -87,11 +86,11 @@ const char* readFiltered(const std::string& path, PlistValue& offset, PlistValue
   for (const PlistValue& filter : filters.elements()) {
     if (filter.isString()) words.push_back(filter.stringValue());
   }
-  const std::string text =
+  const LineCollector found =
       detail::searchBackward(file.get(), status->size, {words, portion.amount, portion.offset, searchTimeLimit});
   offset = status->size;
   amount = portion.amount;
-  contents = PlistValue::stringFromUTF8(text);
+  contents = PlistValue::stringFromUTF8(found.text());
   return nullptr;
 }
 

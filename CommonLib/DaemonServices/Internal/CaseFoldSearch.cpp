@@ -11,9 +11,8 @@
 namespace ostrel::detail {
 namespace {
 
-// GNU vectors: the compiler turns them into whatever the machine has, SSE2 on x86-64, plain words elsewhere.
 using Block [[gnu::vector_size(16)]] = unsigned char;
-using Words [[gnu::vector_size(16)]] = std::uint64_t;
+using Halves [[gnu::vector_size(16)]] = std::uint64_t;
 constexpr std::size_t blockSize = sizeof(Block);
 constexpr std::size_t stride = 4 * blockSize;
 
@@ -25,9 +24,15 @@ Block load(const unsigned char* at) noexcept {
 
 Block allOf(unsigned char byte) noexcept { return Block{} + byte; }
 
+/// One half of a block, 0 or 1, as a number whose lowest byte is the first one.
+std::uint64_t halfOf(Block block, std::size_t half) noexcept {
+  const std::uint64_t bytes = reinterpret_cast<Halves>(block)[half];
+  return std::endian::native == std::endian::little ? bytes : __builtin_bswap64(bytes);
+}
+
 bool any(Block block) noexcept {
-  const auto words = reinterpret_cast<Words>(block);
-  return (words[0] | words[1]) != 0;
+  const auto halves = reinterpret_cast<Halves>(block);
+  return (halves[0] | halves[1]) != 0;
 }
 
 // How common a byte is in logs, most common first; what is not listed is rare.
@@ -117,33 +122,32 @@ bool CaseFoldPattern::fitsAt(const unsigned char* text) const noexcept {
   return true;
 }
 
-/// Whether both probes fit at one of the positions of so many blocks (1 or 4) from `text` on.
-inline bool CaseFoldPattern::mayFitWithin(const unsigned char* text, std::size_t blocks) const noexcept {
-  const Block firstMask = allOf(first_.mask);
-  const Block firstValue = allOf(first_.value);
-  const Block secondMask = allOf(second_.mask);
-  const Block secondValue = allOf(second_.value);
-  Block fitting{};
-  for (std::size_t i = 0; i < blocks; ++i) {
-    const Block first = (load(text + first_.place + i * blockSize) | firstMask) == firstValue;
-    const Block second = (load(text + second_.place + i * blockSize) | secondMask) == secondValue;
-    fitting |= first & second;
-  }
-  return any(fitting);
+/// All ones at each of the positions of a block from `text` on at which both probes fit.
+CaseFoldPattern::Block CaseFoldPattern::candidates(const unsigned char* text) const noexcept {
+  const Block first = (load(text + first_.place) | allOf(first_.mask)) == allOf(first_.value);
+  const Block second = (load(text + second_.place) | allOf(second_.mask)) == allOf(second_.value);
+  return first & second;
 }
 
-/// The last fitting position in [from, to), each of which has room for the words; npos when there is none.
-std::size_t CaseFoldPattern::lastOf(const unsigned char* text, std::size_t from, std::size_t to) const noexcept {
-  while (to > from) {
-    --to;
-    if (fitsAt(text + to)) return to;
+/// The last fitting position among the candidates of the block at `text`, npos when there is none.
+std::size_t CaseFoldPattern::lastAmong(Block candidates, const unsigned char* text) const noexcept {
+  for (std::size_t half = 2; half-- > 0;) {
+    for (std::uint64_t left = halfOf(candidates, half); left != 0;) {
+      const auto byte = static_cast<std::size_t>(63 - std::countl_zero(left)) / 8;
+      if (fitsAt(text + half * 8 + byte)) return half * 8 + byte;
+      left &= (std::uint64_t{1} << (8 * byte)) - 1;
+    }
   }
   return npos;
 }
 
-std::size_t CaseFoldPattern::firstOf(const unsigned char* text, std::size_t from, std::size_t to) const noexcept {
-  for (; from < to; ++from) {
-    if (fitsAt(text + from)) return from;
+std::size_t CaseFoldPattern::firstAmong(Block candidates, const unsigned char* text) const noexcept {
+  for (std::size_t half = 0; half < 2; ++half) {
+    for (std::uint64_t left = halfOf(candidates, half); left != 0;) {
+      const auto byte = static_cast<std::size_t>(std::countr_zero(left)) / 8;
+      if (fitsAt(text + half * 8 + byte)) return half * 8 + byte;
+      left &= ~(std::uint64_t{0xFF} << (8 * byte));
+    }
   }
   return npos;
 }
@@ -151,19 +155,38 @@ std::size_t CaseFoldPattern::firstOf(const unsigned char* text, std::size_t from
 std::size_t CaseFoldPattern::findLast(std::string_view text, std::size_t before) const noexcept {
   if (text.empty() || text.size() < folded_.size()) return npos;
   const std::size_t positions = folded_.empty() ? text.size() : text.size() - folded_.size() + 1;
-  std::size_t left = std::min(positions, before);  // positions not yet looked at: [0, left)
   const unsigned char* bytes = bytesOf(text);
-  while (probing_ && left >= blockSize) {
-    if (left >= stride && !mayFitWithin(bytes + left - stride, 4)) {
-      left -= stride;
-      continue;
+  std::size_t left = std::min(positions, before);  // positions not yet looked at: [0, left)
+  if (!probing_ || left < blockSize) {
+    while (left > 0) {
+      if (fitsAt(bytes + --left)) return left;
     }
-    left -= blockSize;
-    if (!mayFitWithin(bytes + left, 1)) continue;
-    const std::size_t found = lastOf(bytes, left, left + blockSize);
+    return npos;
+  }
+
+  const auto lastInBlock = [&](std::size_t at) {
+    const Block fitting = candidates(bytes + at);
+    const std::size_t found = any(fitting) ? lastAmong(fitting, bytes + at) : npos;
+    return found == npos ? npos : at + found;
+  };
+  for (; left >= stride; left -= stride) {
+    const std::size_t at = left - stride;
+    Block fitting{};
+    for (std::size_t block = at; block < left; block += blockSize) fitting |= candidates(bytes + block);
+    if (!any(fitting)) continue;
+    for (std::size_t block = left; block > at;) {
+      block -= blockSize;
+      const std::size_t found = lastInBlock(block);
+      if (found != npos) return found;
+    }
+  }
+  while (left > 0) {
+    // The last block may cover positions that were looked at before: they do not fit.
+    left = left < blockSize ? 0 : left - blockSize;
+    const std::size_t found = lastInBlock(left);
     if (found != npos) return found;
   }
-  return lastOf(bytes, 0, left);
+  return npos;
 }
 
 std::size_t CaseFoldPattern::find(std::string_view text) const noexcept {
@@ -173,11 +196,13 @@ std::size_t CaseFoldPattern::find(std::string_view text) const noexcept {
   const std::size_t positions = text.size() - folded_.size() + 1;
   std::size_t done = 0;
   for (; probing_ && positions - done >= blockSize; done += blockSize) {
-    if (!mayFitWithin(bytes + done, 1)) continue;
-    const std::size_t found = firstOf(bytes, done, done + blockSize);
-    if (found != npos) return found;
+    const std::size_t found = firstAmong(candidates(bytes + done), bytes + done);
+    if (found != npos) return done + found;
   }
-  return firstOf(bytes, done, positions);
+  for (; done < positions; ++done) {
+    if (fitsAt(bytes + done)) return done;
+  }
+  return npos;
 }
 
 }  // namespace ostrel::detail

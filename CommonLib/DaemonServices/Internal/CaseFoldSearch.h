@@ -39,11 +39,14 @@ class CaseFoldPattern {
     unsigned char value = 0;
   };
 
+  /// A GNU vector: the compiler turns it into whatever the machine has, SSE2 on x86-64, plain words elsewhere.
+  using Block [[gnu::vector_size(16)]] = unsigned char;
+
   void chooseProbes();
   bool fitsAt(const unsigned char* text) const noexcept;
-  bool mayFitWithin(const unsigned char* text, std::size_t blocks) const noexcept;
-  std::size_t lastOf(const unsigned char* text, std::size_t from, std::size_t to) const noexcept;
-  std::size_t firstOf(const unsigned char* text, std::size_t from, std::size_t to) const noexcept;
+  Block candidates(const unsigned char* text) const noexcept;
+  std::size_t lastAmong(Block candidates, const unsigned char* text) const noexcept;
+  std::size_t firstAmong(Block candidates, const unsigned char* text) const noexcept;
 
   const std::array<unsigned char, 256>& lower_;
   std::string folded_;

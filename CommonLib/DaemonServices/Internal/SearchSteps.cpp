@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 #include <new>
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -25,14 +25,10 @@ constexpr std::size_t largestRead = 16 * chunkSize;
 constexpr std::size_t longestHeldLine = 8 * chunkSize;
 constexpr std::size_t capacity = largestRead + longestHeldLine + remarkReach;
 
-struct BufferDeleter {
-  void operator()(ByteBuffer* buffer) const noexcept { deleteBuffer(buffer); }
-};
-
-std::unique_ptr<ByteBuffer, BufferDeleter> makeBuffer() {
-  auto* buffer = newBuffer(capacity);
-  if (buffer == nullptr) throw std::bad_alloc();
-  return std::unique_ptr<ByteBuffer, BufferDeleter>(buffer);
+OwnedByteBuffer makeBuffer() {
+  OwnedByteBuffer buffer(newBuffer(capacity));
+  if (!buffer) throw std::bad_alloc();
+  return buffer;
 }
 
 /// The position of the last line feed in the first `size` bytes of `text`.
@@ -57,7 +53,7 @@ class Search {
     if (patterns_.empty()) patterns_.emplace_back("");  // no filter: like words that are everywhere
   }
 
-  std::string run() {
+  LineCollector run() {
     bool inTime = true;
     while (position_ > lowerBound_ && !collector_.isFull() && inTime) {
       if (!takeChunk()) break;
@@ -69,7 +65,7 @@ class Search {
       inTime = Clock::current().monotonic() < deadline_;
     }
     finishCarry();
-    return collector_.text();
+    return std::move(collector_);
   }
 
  private:
@@ -128,14 +124,18 @@ class Search {
     const std::size_t chunk = carryBegin_ - chunkBegin_;
     const CaseFoldPattern& wanted = patterns_.front();
     // A hit in the carry is one as good as all others: they share their line, which begins in the chunk or before it.
+    bool isExact = !carryHasHit_;
     std::size_t hit = carryHasHit_ ? chunk : wanted.findLast(text, chunk);
     while (hit != CaseFoldPattern::npos && !collector_.isFull()) {
       const std::size_t lineFeed = lineFeedBefore(text, hit);
       if (lineFeed == std::string_view::npos) break;
       const std::size_t lineEnd = std::min(text.find('\n', hit), text.size() - 1) + 1;
-      collectIfMatching(text.substr(lineFeed + 1, lineEnd - lineFeed - 1), patterns_, following(chunkBegin_ + lineEnd),
+      const bool holdsWanted = isExact && hit + wanted.size() <= lineEnd;
+      collectIfMatching(text.substr(lineFeed + 1, lineEnd - lineFeed - 1),
+                        std::span(patterns_).subspan(holdsWanted ? 1 : 0), following(chunkBegin_ + lineEnd),
                         collector_);
       hit = wanted.findLast(text, lineFeed + 1);
+      isExact = true;
     }
     carryHasHit_ = hit != CaseFoldPattern::npos;
     keepFirstLine(text.find('\n'));
@@ -181,7 +181,7 @@ class Search {
   LineCollector collector_;
   std::uint64_t position_;  // where in the file the chunk begins
 
-  const std::unique_ptr<ByteBuffer, BufferDeleter> buffer_ = makeBuffer();
+  const OwnedByteBuffer buffer_ = makeBuffer();
   std::size_t reads_ = 0;
   std::size_t nextRead_ = chunkSize;
   // Places in the buffer.
@@ -197,7 +197,7 @@ class Search {
 
 }  // namespace
 
-std::string searchBackward(int fileDescriptor, std::uint64_t fileSize, const SearchRequest& request) {
+LineCollector searchBackward(int fileDescriptor, std::uint64_t fileSize, const SearchRequest& request) {
   return Search(fileDescriptor, fileSize, request).run();
 }
 

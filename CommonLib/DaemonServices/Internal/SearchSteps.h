@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdint>
 #include <span>
-#include <string>
 #include <string_view>
 
 #include "DaemonServices/BackwardSearch.h"
@@ -34,8 +33,7 @@ struct SearchRequest {
   std::chrono::seconds timeLimit{};
 };
 
-/// The text that `rgrep` returns, NULs included, from the first `fileSize` bytes of an open file. Throws
-/// std::bad_alloc.
-std::string searchBackward(int fileDescriptor, std::uint64_t fileSize, const SearchRequest& request);
+/// What `rgrep` finds in the first `fileSize` bytes of an open file. Throws std::bad_alloc.
+LineCollector searchBackward(int fileDescriptor, std::uint64_t fileSize, const SearchRequest& request);
 
 }  // namespace ostrel::detail
