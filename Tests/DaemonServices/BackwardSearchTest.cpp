@@ -125,7 +125,8 @@ std::string randomFile(std::mt19937& random, std::size_t size, std::size_t longe
 Filters randomFilters(std::mt19937& random, bool rare) {
   Filters filters;
   for (std::size_t i = 0; i <= random() % 3; ++i) filters.push_back(randomText(random, (rare ? 4 : 1) + random() % 3));
-  if (random() % 30 == 0) filters[0] += '\n';
+  if (random() % 20 == 0) filters[0] += '\n';  // a line's own end
+  if (random() % 40 == 0) filters[0] += 'a';   // in no line, when it comes after a line feed
   return filters;
 }
 
@@ -166,6 +167,7 @@ TEST(BackwardSearch, AgreesWithThePlainSearchOnLinesTooLongToHold) {
     for (int line = 0; line < 2; ++line) {
       const std::string rest = (random() % 2 == 0 ? "Q" : "") + randomText(random, 100);
       file += std::string(200'000 + random() % 400'000, '.') + rest + std::string(random() % 90'000, '.') + "Target\n";
+      if (random() % 2 == 0) file += "last message repeated\n";
       file += randomFile(random, 3000, 300);
     }
     writeFile(folder / "log", file);
@@ -175,6 +177,23 @@ TEST(BackwardSearch, AgreesWithThePlainSearchOnLinesTooLongToHold) {
       PlainSearch plain{file, filters, limit, {}};
       const auto found = searchFile(folder / "log", filters, limit, lowerBound);
       ASSERT_TRUE(found && found->text == plain.run(lowerBound)) << filters[0] << " limit " << limit;
+    }
+  }
+}
+
+TEST(BackwardSearch, FindsWordsAcrossThePiecesOfALongLine) {
+  const TemporaryFolder folder;
+  const std::vector<std::string_view> halves{"Y|ZW", "YZ|W"};
+  for (const std::string_view split : halves) {
+    for (const std::size_t chunks : {3U, 9U, 10U, 20U}) {
+      const std::string right = std::string(split.substr(split.find('|') + 1));
+      const std::string left = std::string(split.substr(0, split.find('|')));
+      std::string file = "first\n" + std::string(100'000, '.') + left + right;
+      file += std::string(chunks * chunkSize - right.size() - 1, '.') + '\n';  // the edge is where the halves meet
+      writeFile(folder / "log", file);
+      const auto found = searchFile(folder / "log", {"..", "yzw"}, 5);
+      ASSERT_TRUE(found);
+      EXPECT_EQ(found->text, "....\n") << split << " before " << chunks << " chunks";
     }
   }
 }
@@ -189,9 +208,10 @@ TEST(BackwardSearch, FindsLinesByAllWordsInFileOrder) {
     Filters filters;
     std::uint64_t limit;
     std::uint64_t lowerBound;
-    const char* expected;
+    std::string expected;
   };
   const std::string remark = "host last message repeated 3 times\n";
+  const std::string longRemark = "last message repeated " + std::string(231, '3') + '\n';
   const Case cases[] = {
       {"every word, any case",
        "Error disk\nerror net\nDISK ok\nbad DISK eRRoR\n",
@@ -222,6 +242,14 @@ TEST(BackwardSearch, FindsLinesByAllWordsInFileOrder) {
        noLimit,
        0,
        "match\n"},
+      {"remark of 254 bytes, after the first line",
+       "match\n" + longRemark,
+       {"match"},
+       6 + 254,
+       0,
+       "match\n" + longRemark},
+      {"remark of 254 bytes", "x\nmatch\n" + longRemark, {"match"}, noLimit, 0, "match\n" + longRemark},
+      {"remark of 255 bytes, after the first line", "match\n3" + longRemark, {"match"}, noLimit, 0, "match\n"},
       {"remark whose line feed is out of reach",
        "x\nmatch\nlast message repeated " + std::string(240, '3') + "\n",
        {"match"},
