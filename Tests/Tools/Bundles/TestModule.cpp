@@ -1,0 +1,49 @@
+// A module for tests of the daemon: slow, large and failing answers.
+#include <chrono>
+#include <stdexcept>
+#include <string>
+
+#include "Platform/Clock.h"
+#include "PluginFramework/PluginRequestHandler.h"
+
+namespace ostrel {
+
+class TestModule : public PluginRequestHandler {
+ public:
+  TestModule() : PluginRequestHandler(operations()) {}
+
+  /// Sleeps "seconds", then counts in the context.
+  PlistValue sleepWithRequest(const PlistValue& request) {
+    PlistValue kept = context();
+    const std::int64_t count = kept.get("count").int64Value() + 1;
+    Clock::current().sleepFor(
+        std::chrono::nanoseconds(static_cast<std::int64_t>(request.get("seconds").doubleValue() * 1e9)));
+    kept.set("count", count);
+    kept.set("contextDirty", true);
+    return PlistValue::dictionaryOf({{"count", count}});
+  }
+  PlistValue countWithRequest(const PlistValue&) {
+    return PlistValue::dictionaryOf({{"count", context().get("count").int64Value()}});
+  }
+  PlistValue fillWithRequest(const PlistValue& request) {
+    return PlistValue::dictionaryOf({{"text", std::string(request.get("size").uint64Value(), 'x')}});
+  }
+  PlistValue throwWithRequest(const PlistValue&) { throw std::runtime_error("out of paper"); }
+  PlistValue unprintableWithRequest(const PlistValue&) {
+    return PlistValue::dictionaryOf({{"text", std::string_view("\x01")}});
+  }
+
+ private:
+  static const OperationTable& operations() {
+    static const OperationTable table{{"sleepWithRequest:", &TestModule::sleepWithRequest},
+                                      {"countWithRequest:", &TestModule::countWithRequest},
+                                      {"fillWithRequest:", &TestModule::fillWithRequest},
+                                      {"throwWithRequest:", &TestModule::throwWithRequest},
+                                      {"unprintableWithRequest:", &TestModule::unprintableWithRequest}};
+    return table;
+  }
+};
+
+}  // namespace ostrel
+
+OSTREL_MODULE(ostrel::TestModule)
