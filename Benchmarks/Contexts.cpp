@@ -1,0 +1,169 @@
+// The context store beside bare system calls: a round trip with a valid cache, and writing a changed context.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "Containers/PropertyList.h"
+#include "Platform/HostRoot.h"
+#include "PluginFramework/BundleManager.h"
+
+namespace {
+
+using ostrel::BundleManager;
+using ostrel::PlistValue;
+
+/// A host root below the temporary folder, which should be on the kind of disk that is asked about.
+class HostFolder {
+ public:
+  HostFolder() : path_(std::filesystem::temp_directory_path() / "ostrel-benchmark-XXXXXX"), root_(make(path_)) {}
+  ~HostFolder() { std::filesystem::remove_all(path_); }
+  HostFolder(const HostFolder&) = delete;
+  HostFolder& operator=(const HostFolder&) = delete;
+  std::string file(const char* name) const { return path_ + "/private/var/ostreld/" + name; }
+
+ private:
+  static const char* make(std::string& path) {
+    if (mkdtemp(path.data()) == nullptr) std::abort();
+    std::filesystem::create_directories(path + "/private/var/ostreld");
+    return path.c_str();
+  }
+  std::string path_;
+  ostrel::ScopedHostRoot root_;
+};
+
+void check(bool done) {
+  if (!done) {
+    std::perror("benchmark");
+    std::abort();
+  }
+}
+
+/// A context of about so many bytes: a number that changes, and a history.
+PlistValue sampleContext(std::size_t size) {
+  PlistValue context = PlistValue::mutableDictionaryOf({{"count", 0}, {"contextDirty", true}});
+  context.set("history", PlistValue(ostrel::PlistData{std::string(size, '\x5A')}));
+  return context;
+}
+
+/// Runs both by turns, so that what else the machine does meets both, and shows their times and the ratio.
+template <class Peer, class Ours>
+void compare(benchmark::State& state, int turns, Peer peer, Ours ours) {
+  using Clock = std::chrono::steady_clock;
+  std::chrono::duration<double, std::micro> peerTime{};
+  std::chrono::duration<double, std::micro> ourTime{};
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    for (int i = 0; i < turns; ++i) peer();
+    const auto between = Clock::now();
+    for (int i = 0; i < turns; ++i) ours();
+    ourTime += Clock::now() - between;
+    peerTime += between - start;
+  }
+  const auto calls = static_cast<double>(state.iterations()) * turns;
+  state.counters["peer_us"] = peerTime.count() / calls;
+  state.counters["ours_us"] = ourTime.count() / calls;
+  state.counters["ratio"] = ourTime / peerTime;
+}
+
+void roundTrip(BundleManager& manager, const auto& work) {
+  int descriptor = -1;
+  bool timedOut = false;
+  PlistValue context = manager.getAndLockContext("bench", &descriptor, &timedOut);
+  check(!timedOut);
+  work(context);
+  manager.setAndUnlockContext(context, "bench", &descriptor);
+}
+
+int openLocked(const std::string& path) {
+  const int descriptor = open(path.c_str(), O_RDWR | O_CLOEXEC | O_CREAT, 0770);
+  check(descriptor >= 0 && flock(descriptor, LOCK_EX | LOCK_NB) == 0);
+  return descriptor;
+}
+
+void cachedRoundTrip(benchmark::State& state) {
+  const HostFolder host;
+  BundleManager manager;
+  roundTrip(manager, [](PlistValue& context) { context.set("contextDirty", true); });
+  const std::string path = host.file("bench.lock");
+  const auto bare = [&] {
+    const int descriptor = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    struct stat status {};
+    check(flock(descriptor, LOCK_EX | LOCK_NB) == 0 && fstat(descriptor, &status) == 0);
+    close(descriptor);
+  };
+  compare(state, 100, bare, [&] { roundTrip(manager, [](PlistValue&) {}); });
+}
+
+/// How a peer puts the bytes into the file.
+enum class Order { truncateFirst, truncateFirstAfterJournal, overwriteBare };
+
+void put(int descriptor, const std::string& bytes, Order order, const std::string& journalPath) {
+  const auto size = static_cast<ssize_t>(bytes.size());
+  if (order == Order::truncateFirstAfterJournal) {
+    const int journal = open(journalPath.c_str(), O_RDWR | O_CLOEXEC | O_CREAT, 0770);
+    check(fdatasync(descriptor) == 0 && pwrite(journal, (bytes + bytes).data(), bytes.size() * 2, 0) == size * 2 &&
+          fdatasync(journal) == 0);
+    close(journal);
+  }
+  if (order != Order::overwriteBare) check(ftruncate(descriptor, 0) == 0);
+  check(pwrite(descriptor, bytes.data(), bytes.size(), 0) == size);
+  if (order == Order::overwriteBare) check(ftruncate(descriptor, size) == 0);
+}
+
+void changedContext(benchmark::State& state, Order order) {
+  const HostFolder host;
+  BundleManager manager;
+  const PlistValue sample = sampleContext(static_cast<std::size_t>(state.range(0)));
+  roundTrip(manager, [&](PlistValue& context) {
+    for (const auto& [key, value] : sample.entries()) context.set(key.stringValue(), value);
+  });
+  PlistValue peerContext = sample;
+  std::int64_t count = 0;
+  const std::string path = host.file("peer.lock");
+  const auto peer = [&] {
+    const int descriptor = openLocked(path);
+    peerContext.set("count", ++count);
+    put(descriptor, *ostrel::writeBinaryPropertyList(peerContext), order, path + ".journal");
+    flock(descriptor, LOCK_UN);
+    close(descriptor);
+  };
+  const auto ours = [&] {
+    roundTrip(manager, [&](PlistValue& context) {
+      context.set("count", ++count);
+      context.set("contextDirty", true);
+    });
+  };
+  compare(state, 20, peer, ours);
+}
+
+void registerAll() {
+  benchmark::RegisterBenchmark("round_trip/bare_open_flock_fstat_close", cachedRoundTrip)->MinTime(1.0);
+  const struct {
+    const char* name;
+    Order order;
+  } peers[] = {{"write/truncate_first", Order::truncateFirst},
+               {"write/truncate_first_same_crash_rule", Order::truncateFirstAfterJournal},
+               {"write/overwrite_no_crash_rule", Order::overwriteBare}};
+  for (const auto& [name, order] : peers)
+    benchmark::RegisterBenchmark(name, [order = order](benchmark::State& state) { changedContext(state, order); })
+        ->Arg(1'000)
+        ->Arg(20'000)
+        ->Arg(170'000)
+        ->MinTime(1.0);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  registerAll();
+  benchmark::RunSpecifiedBenchmarks();
+}
