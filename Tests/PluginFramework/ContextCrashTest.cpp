@@ -56,7 +56,10 @@ bool endsAtStep(int step, bool tear, Work work) {
 
 PlistValue text(char letter, std::size_t size) { return std::string(size, letter); }
 
-const std::vector<std::pair<PlistValue, PlistValue>> transitions{
+struct Transition {
+  PlistValue before, after;
+};
+const std::vector<Transition> transitions{
     {nullptr, text('n', 3000)},          // the first write
     {text('o', 3000), text('n', 3000)},  // in place
     {text('o', 20), text('n', 70'000)},  // growing
@@ -77,7 +80,9 @@ TEST(ContextCrash, AWriterEndedAtAnyStepLeavesTheOldOrTheNewContext) {
   int steps = 0;
   int old = 0;
   int recovered = 0;
-  for (const auto& [before, after] : transitions) {
+  for (const Transition& transition : transitions) {
+    const PlistValue& before = transition.before;
+    const PlistValue& after = transition.after;
     for (const bool tear : {false, true}) {
       for (int step = 1;; ++step, ++steps) {
         prepare(host, before);
@@ -102,7 +107,9 @@ TEST(ContextCrash, AWriterEndedAtAnyStepLeavesTheOldOrTheNewContext) {
 TEST(ContextCrash, ARecoveryEndedAtAnyStepCanBeRepeated) {
   const HostFixture host;
   int repeated = 0;
-  for (const auto& [before, after] : transitions) {
+  for (const Transition& transition : transitions) {
+    const PlistValue& before = transition.before;
+    const PlistValue& after = transition.after;
     for (int step = 1;; ++step) {
       prepare(host, before);
       if (!endsAtStep(step, true, [&] { store(after); })) break;

@@ -87,10 +87,10 @@ TEST(ContextStore, WritesWhatIsMarkedDirty) {
   } cases[] = {{true, true}, {1, true}, {"YES", true}, {false, false}, {0, false}, {"yes", false}, {"true", false}};
   for (const auto& [mark, written] : cases) {
     const HostFixture host;
-    const auto change = [&](PlistValue& context) {
+    const auto change = [&dirty = mark](PlistValue& context) {
       context.set("_user_", "alice");
       context.set("kept", 1);
-      context.set("contextDirty", mark);
+      context.set("contextDirty", dirty);
     };
     BundleManager manager;
     withContext(manager, "mail", change);
