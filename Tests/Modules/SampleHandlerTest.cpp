@@ -1,0 +1,143 @@
+// The sample module in its host.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "Containers/PlistValue.h"
+#include "Platform/FileDescriptor.h"
+#include "Platform/HostRoot.h"
+#include "PluginFramework/BundleManager.h"
+#include "Support/TemporaryFolder.h"
+
+namespace ostrel {
+namespace {
+
+class SampleHandlerTest : public ::testing::Test {
+ protected:
+  SampleHandlerTest() {
+    const std::filesystem::path bundles = folder_ / "usr/share/ostreld/bundles";
+    std::filesystem::create_directories(bundles);
+    std::filesystem::create_directories(folder_ / "private/var/ostreld");
+    std::filesystem::create_directories(folder_ / "var/ostreld");
+    std::filesystem::copy_file(OSTREL_SAMPLE_BUNDLE, bundles / "ostrel_sample.bundle");
+    std::filesystem::permissions(bundles / "ostrel_sample.bundle", std::filesystem::perms(0755));
+    host_ = std::make_unique<BundleManager>();
+  }
+  ~SampleHandlerTest() override { setState("STOP"); }
+
+  PlistValue send(const PlistValue& request) { return host_->doCommand(request, "ostrel_sample", "alice"); }
+  PlistValue setState(const char* state) {
+    return send(PlistValue::dictionaryOf({{"command", "setState"}, {"state", state}}));
+  }
+  PlistValue getState() { return send(PlistValue::dictionaryOf({{"command", "getState"}})); }
+  PlistValue setting(const PlistValue& name, const PlistValue& value) {
+    return send(PlistValue::dictionaryOf({{"command", "setSetting"}, {"name", name}, {"value", value}}));
+  }
+  /// Forgets everything in memory, as a restart does.
+  void restart() { host_ = std::make_unique<BundleManager>(); }
+  std::string contextFile() const { return folder_ / "private/var/ostreld/ostrel_sample.lock"; }
+
+  testing::TemporaryFolder folder_;
+  ScopedHostRoot root_{folder_.path()};
+  std::unique_ptr<BundleManager> host_;
+};
+
+bool isInProcessTable(pid_t pid) { return std::filesystem::exists("/proc/" + std::to_string(pid)); }
+
+/// The service writes its file now and then: seen when it is running, whatever the module says.
+bool writesWithin(const std::string& file, std::chrono::milliseconds limit) {
+  std::filesystem::remove(file);
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (std::chrono::steady_clock::now() < end) {
+    if (std::filesystem::exists(file)) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return false;
+}
+
+TEST_F(SampleHandlerTest, RunsARealServiceThatInheritsNothing) {
+  const std::string beat = folder_ / "var/ostreld/sample_heartbeat";
+  EXPECT_EQ(getState().get("state").stringValue(), "STOPPED");
+  EXPECT_EQ(setState("STOP").get("state").stringValue(), "STOPPED");
+  const PlistValue running = setState("START");
+  ASSERT_EQ(running.get("state").stringValue(), "RUNNING");
+  const auto pid = static_cast<pid_t>(running.get("servicePid").int64Value());
+  EXPECT_TRUE(writesWithin(beat, std::chrono::seconds(20)));
+  EXPECT_EQ(setState("START").get("servicePid").int64Value(), pid);  // one is enough
+
+  // Nothing of this process but the null device: the lock file would stay locked for as long as the service runs.
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+    std::error_code closedMeanwhile;
+    const std::string target = std::filesystem::read_symlink(entry.path(), closedMeanwhile);
+    EXPECT_TRUE(closedMeanwhile || target == "/dev/null" || target == beat) << target;
+  }
+
+  const auto restarted = static_cast<pid_t>(setState("RESTART").get("servicePid").int64Value());
+  EXPECT_NE(restarted, pid);
+  restart();
+  EXPECT_EQ(getState().get("servicePid").int64Value(), restarted);
+  EXPECT_EQ(setState("STOP").get("state").stringValue(), "STOPPED");
+  EXPECT_FALSE(writesWithin(beat, std::chrono::milliseconds(2500)));
+  // Its end is collected: nothing of it stays in the process table.
+  for (int i = 0; i < 1000 && (isInProcessTable(pid) || isInProcessTable(restarted)); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_FALSE(isInProcessTable(pid));
+  EXPECT_FALSE(isInProcessTable(restarted));
+}
+
+TEST_F(SampleHandlerTest, NeverStopsAProcessThatIsNotItsService) {
+  // A context from before a reboot: the id is another process's now. Here it is this test's.
+  int descriptor = -1;
+  bool timedOut = false;
+  PlistValue context = host_->getAndLockContext("ostrel_sample", &descriptor, &timedOut);
+  context.set("servicePid", getpid());
+  context.set("serviceStarted", 1);
+  context.set("contextDirty", true);
+  host_->setAndUnlockContext(context, "ostrel_sample", &descriptor);
+  EXPECT_EQ(getState().get("state").stringValue(), "STOPPED");
+  EXPECT_EQ(setState("STOP").get("state").stringValue(), "STOPPED");
+}
+
+TEST_F(SampleHandlerTest, KeepsSettings) {
+  const PlistValue nested = PlistValue::dictionaryOf({{"a", PlistValue::arrayOf({1, "two", 3.5})}});
+  EXPECT_EQ(setting("nested", nested), PlistValue::dictionaryOf({{"name", "nested"}, {"value", nested}}));
+  EXPECT_EQ(setting("nested", nested), PlistValue::dictionaryOf({{"name", "nested"}, {"value", nested}}));
+  restart();
+  const PlistValue get = PlistValue::dictionaryOf({{"command", "getSetting"}, {"name", "nested"}});
+  PlistValue answer = send(get);
+  EXPECT_EQ(answer.get("value"), nested);
+  answer.get("value").set("a", "changed");  // a response is the caller's: the context does not change with it
+  EXPECT_EQ(send(get).get("value"), nested);
+
+  const PlistValue invalid = PlistValue::dictionaryOf({{"error", "INVALID_ARG_ERR"}});
+  EXPECT_EQ(setting(5, "x"), invalid);
+  EXPECT_EQ(setting("x", nullptr), invalid);
+  EXPECT_EQ(send(PlistValue::dictionaryOf({{"command", "getSetting"}})), invalid);
+  EXPECT_EQ(send(PlistValue::dictionaryOf({{"command", "getSetting"}, {"name", "none"}})),
+            PlistValue::dictionaryOf({{"name", "none"}}));
+  for (int i = 1; i < 100; ++i) EXPECT_NE(setting("s" + std::to_string(i), i), invalid);
+  EXPECT_EQ(setting("one too many", 1), invalid);
+  EXPECT_NE(setting("nested", 1), invalid);
+}
+
+TEST_F(SampleHandlerTest, TailsOnlyTheLogsThatItNames) {
+  const PlistValue paths = send(PlistValue::dictionaryOf({{"command", "getLogPaths"}}));
+  const auto tail = [this](const char* key, const PlistValue& value) {
+    return send(PlistValue::dictionaryOf({{"command", "tailFile"}, {key, value}, {"offset", 0}, {"amount", 200}}));
+  };
+  for (const PlistEntry& log : paths.entries()) {
+    EXPECT_EQ(tail("identifier", log.key).get("path"), log.value);
+    EXPECT_EQ(tail("path", log.value).get("path"), log.value);
+  }
+  EXPECT_EQ(tail("path", "/etc/passwd").get("error").stringValue(), "ILLEGAL_PATH_REQUESTED");
+  EXPECT_EQ(tail("identifier", "none").get("error").stringValue(), "ILLEGAL_LOG_IDENTIFIER_REQUESTED");
+}
+
+}  // namespace
+}  // namespace ostrel
