@@ -120,7 +120,7 @@ PlistValue first_ipv4_address_of_host(const PlistValue& host) {
   if (!host.isString()) return {};
   const auto resolution = NameResolver::current().resolve(std::string(host.stringValue()), "", AddressFamily::any);
   for (const SocketAddress& address : resolution.addresses) {
-    const PlistValue text(address.numericHost());
+    PlistValue text(address.numericHost());
     if (is_ipv4_address(text)) return text;
   }
   return {};

@@ -4,10 +4,10 @@
 #include <fcntl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 
@@ -95,32 +95,67 @@ class TemporaryFile {
   bool renamed_ = false;
 };
 
+// An extended attribute of an open file, also of one opened for its path alone; "" when it has none.
+std::optional<std::string> attributeOf(int file, const char* name) {
+  const std::string path = format("/proc/self/fd/%d", file);
+  std::string value(64U << 10U, '\0');  // the most that an attribute holds
+  const ssize_t size = ::getxattr(path.c_str(), name, value.data(), value.size());
+  if (size < 0) return errno == ENODATA || errno == ENOTSUP ? std::optional<std::string>("") : std::nullopt;
+  value.resize(static_cast<std::size_t>(size));
+  return value;
+}
+
+// Gives a file the access list and the security label of another.
+bool copyAttributes(int from, int to) {
+  for (const char* name : {"system.posix_acl_access", "security.selinux"}) {
+    const auto wanted = attributeOf(from, name);
+    const auto present = attributeOf(to, name);
+    if (!wanted || !present) return false;
+    if (wanted->empty() || *wanted == *present) continue;
+    if (::fsetxattr(to, name, wanted->data(), wanted->size(), 0) != 0) return false;
+  }
+  return true;
+}
+
 // Owner before mode: changing the owner clears the set-id bits.
 bool giveOwnerAndMode(int file, uid_t user, gid_t group, mode_t mode) {
   const bool keepsOwner = user == static_cast<uid_t>(-1) && group == static_cast<gid_t>(-1);
   return (keepsOwner || changeOwner(file, user, group)) && changeMode(file, mode & permissionBits);
 }
 
-bool giveOwnerAndMode(int file, const std::optional<FileStatus>& existing, const AtomicWriteOptions& options) {
-  if (!existing || !options.keepExisting) return giveOwnerAndMode(file, options.user, options.group, options.mode);
+// The file that stands where a new one is to go.
+struct Target {
+  FileDescriptor file;  // opened for its path alone; none when nothing is there
+  FileStatus status;
+};
+
+bool findTarget(int folder, const std::string& name, Target& target) {
+  target.file.reset(detail::retried([&] { return ::openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); }));
+  if (!target.file) return errno == ENOENT;
+  const auto status = descriptorStatus(target.file.get());
+  if (!status) return false;
+  target.status = *status;
+  if (status->isRegularFile()) return true;
+  errno = status->isDirectory() ? EISDIR : EINVAL;
+  return false;
+}
+
+bool takeOver(int file, const Target& target, const AtomicWriteOptions& options) {
+  if (!target.file || !options.keepExisting) return giveOwnerAndMode(file, options.user, options.group, options.mode);
   const auto made = descriptorStatus(file);
   if (!made) return false;
   // An unprivileged writer may replace its own file: ownership that is right already is not asked for.
-  const uid_t user = made->user == existing->user ? static_cast<uid_t>(-1) : existing->user;
-  const gid_t group = made->group == existing->group ? static_cast<gid_t>(-1) : existing->group;
-  return giveOwnerAndMode(file, user, group, existing->mode);
-}
-
-bool statusInFolder(int folder, const std::string& name, std::optional<FileStatus>& status) {
-  const FileDescriptor target(
-      detail::retried([&] { return ::openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); }));
-  if (!target) return errno == ENOENT;
-  status = descriptorStatus(target.get());
-  return status.has_value();
+  const uid_t user = made->user == target.status.user ? static_cast<uid_t>(-1) : target.status.user;
+  const gid_t group = made->group == target.status.group ? static_cast<gid_t>(-1) : target.status.group;
+  return giveOwnerAndMode(file, user, group, target.status.mode) && copyAttributes(target.file.get(), file);
 }
 
 bool makeDirectory(const std::string& path, mode_t mode) {
-  if (::mkdir(path.c_str(), mode & 0700) == 0) return ::chmod(path.c_str(), mode & permissionBits) == 0;
+  if (::mkdir(path.c_str(), 0700) == 0) {
+    // Through a descriptor, so that nothing put in its place meanwhile gets the mode.
+    const FileDescriptor made = openFile(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    return made && changeMode(made.get(), mode & permissionBits);
+  }
   if (errno != EEXIST) return false;
   if (isDirectory(path)) return true;
   errno = ENOTDIR;
@@ -147,16 +182,11 @@ bool writeFileAtomically(const std::string& path, std::string_view bytes, const 
   const FileDescriptor folder = openFile(folderPath, O_RDONLY | O_DIRECTORY);
   if (!folder) return false;
 
-  std::optional<FileStatus> existing;
-  if (!statusInFolder(folder.get(), name, existing)) return false;
-  if (existing && !existing->isRegularFile()) {
-    errno = existing->isDirectory() ? EISDIR : EINVAL;
-    return false;
-  }
+  Target existing;
+  if (!findTarget(folder.get(), name, existing)) return false;
   TemporaryFile replacement(folder.get(), name);
   if (!replacement || !writeFully(replacement.descriptor(), bytes)) return false;
-  if (!giveOwnerAndMode(replacement.descriptor(), existing, options) || !syncFile(replacement.descriptor()))
-    return false;
+  if (!takeOver(replacement.descriptor(), existing, options) || !syncFile(replacement.descriptor())) return false;
   return replacement.renameTo(name) && syncFile(folder.get());
 }
 
@@ -193,10 +223,6 @@ bool isDirectory(const std::string& path) {
 }
 
 bool removeFile(const std::string& path) { return detail::isUsablePath(path) && ::unlink(path.c_str()) == 0; }
-
-bool renameFile(const std::string& from, const std::string& to) {
-  return detail::isUsablePath(from) && detail::isUsablePath(to) && std::rename(from.c_str(), to.c_str()) == 0;
-}
 
 bool syncDirectory(const std::string& path) {
   const FileDescriptor folder = openFile(path, O_RDONLY | O_DIRECTORY);

@@ -27,14 +27,14 @@ struct AtomicWriteOptions {
   mode_t mode = 0644;                    ///< permission bits of a new file, as they are: no umask is applied
   uid_t user = static_cast<uid_t>(-1);   ///< owner of a new file; -1: the writing process's
   gid_t group = static_cast<gid_t>(-1);  ///< group of a new file; -1: as the folder gives it
-  bool keepExisting = true;  ///< an existing file keeps its own mode, owner and group instead of the three above
+  bool keepExisting = true;              ///< an existing file keeps what it has instead of the three above
 };
 
 /// Puts `bytes` in place of the file at `path`, whole or not at all: they are written to a file of unpredictable name
 /// in the same folder, synced, renamed over the target, and the folder is synced. Whoever has the old file open keeps
 /// seeing the old bytes. A symbolic link is followed: the file that it leads to (which need not exist) is replaced, the
-/// link stays. An existing file keeps its owner, group and permission bits; when they cannot be given to the new file
-/// the write fails. The target must be a regular file or absent.
+/// link stays. An existing file keeps its owner, group, permission bits, access list and security label; when they
+/// cannot be given to the new file the write fails. The target must be a regular file or absent.
 ///
 /// False leaves the target as it was and no temporary file behind; the one exception is a failed sync of the folder
 /// after the rename, when the new bytes stand but might not survive a crash of the machine.
@@ -55,8 +55,6 @@ OSTREL_EXPORT bool isDirectory(const std::string& path);
 
 /// Removes a file or a symbolic link (not what it leads to). Folders are refused.
 OSTREL_EXPORT bool removeFile(const std::string& path);
-/// rename(2): replaces what stands at `to`, in one step.
-OSTREL_EXPORT bool renameFile(const std::string& from, const std::string& to);
 /// Makes the names in a folder survive a crash of the machine: after a file was made, renamed or removed in it.
 OSTREL_EXPORT bool syncDirectory(const std::string& path);
 

@@ -13,13 +13,14 @@ namespace {
 constexpr std::size_t largestRecord = 64U << 20U;
 
 // Runs a reentrant lookup with a buffer that grows until the record fits. Absent when there is none, or on failure.
-template <class Entry, class Record, class Lookup, class Convert>
-std::optional<Entry> lookUp(Lookup lookup, Convert convert) {
+template <class Entry, class Record, class Key>
+std::optional<Entry> lookUp(int (*lookup)(Key, Record*, char*, std::size_t, Record**), Key key,
+                            Entry (*convert)(const Record&)) {
   std::vector<char> buffer(4096);
   for (;;) {
     Record record{};
     Record* found = nullptr;
-    const int error = lookup(&record, buffer.data(), buffer.size(), &found);
+    const int error = lookup(key, &record, buffer.data(), buffer.size(), &found);
     if (error == 0) return found == nullptr ? std::nullopt : std::optional<Entry>(convert(*found));
     if (error == EINTR) continue;
     if (error != ERANGE || buffer.size() >= largestRecord) return std::nullopt;
@@ -46,34 +47,13 @@ bool isName(const std::string& name) { return !name.empty() && name.find('\0') =
 class HostUserDatabase final : public UserDatabase {
  public:
   std::optional<UserEntry> userNamed(const std::string& name) override {
-    if (!isName(name)) return std::nullopt;
-    return lookUp<UserEntry, passwd>(
-        [&](passwd* record, char* buffer, std::size_t size, passwd** found) {
-          return getpwnam_r(name.c_str(), record, buffer, size, found);
-        },
-        userFrom);
+    return isName(name) ? lookUp(getpwnam_r, name.c_str(), userFrom) : std::nullopt;
   }
-
-  std::optional<UserEntry> userWithId(uid_t uid) override {
-    return lookUp<UserEntry, passwd>([&](passwd* record, char* buffer, std::size_t size,
-                                         passwd** found) { return getpwuid_r(uid, record, buffer, size, found); },
-                                     userFrom);
-  }
-
+  std::optional<UserEntry> userWithId(uid_t uid) override { return lookUp(getpwuid_r, uid, userFrom); }
   std::optional<GroupEntry> groupNamed(const std::string& name) override {
-    if (!isName(name)) return std::nullopt;
-    return lookUp<GroupEntry, group>(
-        [&](group* record, char* buffer, std::size_t size, group** found) {
-          return getgrnam_r(name.c_str(), record, buffer, size, found);
-        },
-        groupFrom);
+    return isName(name) ? lookUp(getgrnam_r, name.c_str(), groupFrom) : std::nullopt;
   }
-
-  std::optional<GroupEntry> groupWithId(gid_t gid) override {
-    return lookUp<GroupEntry, group>([&](group* record, char* buffer, std::size_t size,
-                                         group** found) { return getgrgid_r(gid, record, buffer, size, found); },
-                                     groupFrom);
-  }
+  std::optional<GroupEntry> groupWithId(gid_t gid) override { return lookUp(getgrgid_r, gid, groupFrom); }
 
   std::vector<gid_t> groupsOfUser(const std::string& name) override {
     constexpr int mostGroups = 1 << 16;  // what the kernel lets a process have (NGROUPS_MAX)

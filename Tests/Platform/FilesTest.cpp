@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -107,6 +108,24 @@ TEST(WriteFileAtomically, KeepsWhatTheFileWas) {
   EXPECT_EQ(permissions(path), 0600U);
   EXPECT_EQ(fileStatus(path)->user, geteuid());
   EXPECT_THAT(*listDirectory(folder.path()), ElementsAre("kept"));
+}
+
+// An access list that lets one more user in (posix_acl_xattr.h of the kernel: version 2, then tag, permissions, id).
+TEST(WriteFileAtomically, KeepsTheAccessList) {
+  const TemporaryFolder folder;
+  const std::string path = folder / "shared";
+  writeFile(path, "old");
+  const std::string anyone("\xFF\xFF\xFF\xFF", 4);
+  const std::string list = std::string("\2\0\0\0", 4) + std::string("\1\0\6\0", 4) + anyone +
+                           std::string("\2\0\4\0\xE8\3\0\0", 8) + std::string("\4\0\0\0", 4) + anyone +
+                           std::string("\x10\0\4\0", 4) + anyone + std::string("\x20\0\0\0", 4) + anyone;
+  if (setxattr(path.c_str(), "system.posix_acl_access", list.data(), list.size(), 0) != 0)
+    GTEST_SKIP() << "this file system keeps no access lists";
+  ASSERT_TRUE(writeFileAtomically(path, "new"));
+  std::string kept(list.size() + 1, '\0');
+  const ssize_t size = getxattr(path.c_str(), "system.posix_acl_access", kept.data(), kept.size());
+  EXPECT_EQ(kept.substr(0, size < 0 ? 0 : static_cast<std::size_t>(size)), list);
+  EXPECT_EQ(readFile(path), "new");
 }
 
 TEST(WriteFileAtomically, FollowsLinksAndNeverReplacesThem) {
