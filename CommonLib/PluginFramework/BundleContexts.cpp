@@ -26,7 +26,9 @@ int attemptsFor(std::string_view module) {
 
 /// The doubled slash is meant: it is how the host has always spelled the path.
 std::string contextPath(std::string_view module) {
-  return format("%@/%@%@", hostPath("/private/var/ostreld/"), module, ".lock");
+  std::string path = hostPath("/private/var/ostreld/");
+  path.reserve(path.size() + module.size() + 6);
+  return path.append("/").append(module).append(".lock");
 }
 
 std::int64_t wholeSeconds(const FileStatus& status) { return static_cast<std::int64_t>(std::floor(status.modified)); }

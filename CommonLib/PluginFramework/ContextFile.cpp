@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <stdexcept>
@@ -41,8 +42,8 @@ class ContextFile {
  private:
   void openJournal(int flags);
   void completeInterruptedWrite();
-  void record(const std::string& newBytes);
-  void put(const std::string& newBytes);
+  void writeJournal(const JournalRecord& record);
+  void put(const JournalRecord& record);
 
   const int descriptor_;
   FileStatus status_;
@@ -83,16 +84,18 @@ void ContextFile::completeInterruptedWrite() {
   const auto status = descriptorStatus(journal_.get());
   if (!status || !status->isRegularFile()) return journal_.reset();  // a pipe would block
   const auto record = decodeJournal(readAll(journal_.get(), status->size));
-  if (record && isInterruptedWrite(bytes_, *record)) put(record->newBytes);
+  if (record && isInterruptedWrite(bytes_, *record)) put(*record);
 }
 
-void ContextFile::put(const std::string& newBytes) {
-  if (!writeAt(descriptor_, newBytes, 0)) fail("write");
-  if (bytes_.size() != newBytes.size() && !truncateFile(descriptor_, newBytes.size())) fail("ftruncate");
-  bytes_ = newBytes;
+void ContextFile::put(const JournalRecord& record) {
+  if (!writeAt(descriptor_, record.newBytes, record.start)) fail("write");
+  if (bytes_.size() > record.newLength && !truncateFile(descriptor_, record.newLength)) fail("ftruncate");
+  bytes_.resize(std::max<std::size_t>(bytes_.size(), record.newLength));
+  bytes_.replace(record.start, record.newBytes.size(), record.newBytes);
+  bytes_.resize(record.newLength);
 }
 
-void ContextFile::record(const std::string& newBytes) {
+void ContextFile::writeJournal(const JournalRecord& record) {
   if (!syncFileData(descriptor_)) fail("fdatasync");
   const bool isNew = !journal_;
   if (isNew) {
@@ -103,14 +106,16 @@ void ContextFile::record(const std::string& newBytes) {
     changeMode(journal_.get(), mode());
     changeOwner(journal_.get(), status_.user, status_.group);
   }
-  if (!writeAt(journal_.get(), encodeJournal(newBytes, bytes_), 0)) fail("write of the journal");
+  if (!writeAt(journal_.get(), encodeJournal(record), 0)) fail("write of the journal");
   if (!syncFileData(journal_.get())) fail("fdatasync of the journal");
   if (isNew && !syncDirectory(path_.substr(0, path_.rfind('/') + 1))) fail("fsync of the folder");
 }
 
 void ContextFile::write(const std::string& newBytes) {
-  if (status_.links != 0) record(newBytes);
-  put(newBytes);
+  if (newBytes == bytes_) return;
+  const JournalRecord record = makeRecord(newBytes, bytes_);
+  if (status_.links != 0) writeJournal(record);
+  put(record);
 }
 
 void ContextFile::erase() {

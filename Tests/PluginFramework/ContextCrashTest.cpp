@@ -65,6 +65,7 @@ const std::vector<Transition> transitions{
     {text('o', 20), text('n', 70'000)},  // growing
     {text('o', 70'000), text('n', 20)},  // shrinking
     {text('o', 70'000), text('n', 9'000)},
+    {text('o', 70'000), std::string(30'000, 'o') + std::string(9'000, 'n') + std::string(31'000, 'o')},  // amidst
 };
 
 void prepare(const HostFixture& host, const PlistValue& before) {
@@ -239,7 +240,7 @@ TEST(ContextCrash, AStaleOrTornJournalDamagesNothing) {
       {"a file emptied by hand", "", thirdJournal, nullptr},
       {"an empty journal", thirdFile, "", text('t', 3000)},
       {"something else under the name", thirdFile, std::string(5000, '\xFF'), text('t', 3000)},
-      {"lengths beyond the file", thirdFile, thirdJournal.substr(0, 8) + std::string(16, '\xFF'), text('t', 3000)},
+      {"lengths beyond the file", thirdFile, thirdJournal.substr(0, 8) + std::string(56, '\xFF'), text('t', 3000)},
       {"an interrupted write", thirdFile.substr(0, 1000), thirdJournal, text('t', 3000)},
       {"with a leftover behind the record", thirdFile.substr(0, 1000), thirdJournal + "rest", text('t', 3000)},
   };

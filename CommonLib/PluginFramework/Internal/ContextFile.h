@@ -11,9 +11,9 @@ namespace ostrel::detail {
 
 // How a context is written so that a crash leaves the old or the new one, never a mixture or nothing:
 //
-// The file itself carries the lock, so it cannot be replaced by rename. It is overwritten from its start and then cut
+// The file itself carries the lock, so it cannot be replaced by rename. It is overwritten where it changes and then cut
 // to the new length: on ext4 far cheaper than truncating first, which makes the file system allocate anew and flush at
-// the close. Before that, the new and the old bytes go to "FILE.journal", with a checksum over all:
+// the close. Before that, the new and the old bytes there go to "FILE.journal", with a checksum over all:
 //
 //   1. sync the file, so that the journal's former record is needed no more
 //   2. write the journal and sync it (and its folder, when the journal is new)

@@ -8,15 +8,23 @@
 
 namespace ostrel::detail {
 
-/// One write of a file: its bytes before and after.
+/// One write of a file: what it replaces, from `start` on. What lies before, and behind when both contents are equally
+/// long, is the same in both and is known by its checksum only: a small change of a large context makes a small record.
 struct JournalRecord {
+  std::uint64_t newLength = 0;  // of the whole file
+  std::uint64_t oldLength = 0;
+  std::uint64_t start = 0;
+  std::uint64_t unchanged = 0;  // checksum of what is the same
   std::string newBytes;
   std::string oldBytes;
 };
 
-/// The record as bytes: a head of 32 bytes ("ostreljn", the two lengths and a checksum over all, in the machine's byte
-/// order), the new bytes, the old bytes.
-std::string encodeJournal(std::string_view newBytes, std::string_view oldBytes);
+/// The record of replacing one content by another.
+JournalRecord makeRecord(std::string_view newContent, std::string_view oldContent);
+
+/// The record as bytes: a head of 64 bytes ("ostreljn", the numbers above, the lengths of both parts and a checksum
+/// over all, in the machine's byte order), the new bytes, the old bytes.
+std::string encodeJournal(const JournalRecord& record);
 
 /// The record at the start of `bytes`, whatever follows it; absent when it is not whole.
 std::optional<JournalRecord> decodeJournal(std::string_view bytes);
