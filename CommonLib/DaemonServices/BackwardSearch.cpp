@@ -36,6 +36,10 @@ void collectIfMatching(std::string_view line, std::span<const CaseFoldPattern> p
 
 }  // namespace detail
 
+namespace {
+constexpr std::size_t usualLimit = 65'536;
+}
+
 std::string_view LineCollector::text() const noexcept {
   if (total_ == 0) return {};
   return {lines_->bytes + lines_->capacity - total_, total_};
@@ -45,7 +49,9 @@ std::string_view LineCollector::text() const noexcept {
 void LineCollector::growBy(std::size_t size) {
   const std::size_t capacity = lines_ ? lines_->capacity : 0;
   if (capacity - total_ >= size) return;
-  OwnedByteBuffer larger(newBuffer(std::max(2 * capacity + 1, total_ + size)));
+  // A limit of usual size is had at once; beyond it the capacity doubles.
+  const auto first = static_cast<std::size_t>(std::min<std::uint64_t>(limit_, usualLimit));
+  OwnedByteBuffer larger(newBuffer(std::max({first, 2 * capacity + 1, total_ + size})));
   if (!larger) throw std::bad_alloc();
   const std::string_view held = text();
   std::ranges::copy(held, larger->bytes + larger->capacity - held.size());

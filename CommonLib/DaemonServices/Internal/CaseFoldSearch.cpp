@@ -98,7 +98,7 @@ void CaseFoldPattern::chooseProbes() {
     const auto folded = static_cast<unsigned char>(folded_[place]);
     const std::optional<unsigned char> mask = caseMask(folded);
     if (!mask) continue;
-    const Probe probe{place, *mask, static_cast<unsigned char>(folded | *mask)};
+    const Probe probe{place, allOf(*mask), allOf(static_cast<unsigned char>(folded | *mask))};
     const int rank = commonness(folded);
     if (rank < firstRank) {
       second_ = first_;
@@ -124,8 +124,8 @@ bool CaseFoldPattern::fitsAt(const unsigned char* text) const noexcept {
 
 /// All ones at each of the positions of a block from `text` on at which both probes fit.
 CaseFoldPattern::Block CaseFoldPattern::candidates(const unsigned char* text) const noexcept {
-  const Block first = (load(text + first_.place) | allOf(first_.mask)) == allOf(first_.value);
-  const Block second = (load(text + second_.place) | allOf(second_.mask)) == allOf(second_.value);
+  const Block first = (load(text + first_.place) | first_.mask) == first_.value;
+  const Block second = (load(text + second_.place) | second_.mask) == second_.value;
   return first & second;
 }
 

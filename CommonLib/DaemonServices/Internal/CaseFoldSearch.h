@@ -32,15 +32,16 @@ class CaseFoldPattern {
   bool isIn(std::string_view text) const noexcept { return size() == 0 || findLast(text) != npos; }
 
  private:
-  /// A place in the words whose byte x is recognised by (x | mask) == value: both letter cases in one comparison.
-  struct Probe {
-    std::size_t place = 0;
-    unsigned char mask = 0;
-    unsigned char value = 0;
-  };
-
   /// A GNU vector: the compiler turns it into whatever the machine has, SSE2 on x86-64, plain words elsewhere.
   using Block [[gnu::vector_size(16)]] = unsigned char;
+
+  /// A place in the words whose byte x is recognised by (x | mask) == value: both letter cases in one comparison. Mask
+  /// and value stand in every byte of their blocks.
+  struct Probe {
+    std::size_t place = 0;
+    Block mask{};
+    Block value{};
+  };
 
   void chooseProbes();
   bool fitsAt(const unsigned char* text) const noexcept;
