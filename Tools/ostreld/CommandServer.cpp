@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -125,7 +126,7 @@ class HttpCommandServer final : public CommandServer {
                               const char* version, const char* body, std::size_t* bodySize, void** exchange);
   static void onCompleted(void* self, MHD_Connection* connection, void** exchange, MHD_RequestTerminationCode code);
   static std::size_t leaveEscapesAlone(void*, MHD_Connection*, char* text) { return std::strlen(text); }
-  static void onMessage(void*, const char* text, va_list arguments);
+  static void onMessage(void* self, const char* text, va_list arguments);
 
   void enter(MHD_Connection* connection, void** socketContext);
   void leave(Connection* connection);
@@ -145,6 +146,10 @@ class HttpCommandServer final : public CommandServer {
   SocketAddress address_;
   FileDescriptor listener_;
   MHD_Daemon* daemon_ = nullptr;
+  // Belong to the thread that starts the server.
+  const std::thread::id starter_ = std::this_thread::get_id();
+  std::string startMessage_;
+  bool isStarted_ = false;
 };
 
 bool HttpCommandServer::begin(const CommandServerOptions& options, std::string& fault) {
@@ -170,7 +175,7 @@ bool HttpCommandServer::begin(const CommandServerOptions& options, std::string& 
   // The library's own limit on connections lies above ours, so that every refusal passes `onAccept`.
   daemon_ =
       MHD_start_daemon(flags, 0, &onAccept, this, &onRequest, this,                                               //
-                       MHD_OPTION_EXTERNAL_LOGGER, &onMessage, nullptr,                                           //
+                       MHD_OPTION_EXTERNAL_LOGGER, &onMessage, this,                                              //
                        MHD_OPTION_LISTEN_SOCKET, listener_.get(),                                                 //
                        MHD_OPTION_CONNECTION_LIMIT, static_cast<unsigned int>(options.connections.total + 64),    //
                        MHD_OPTION_CONNECTION_MEMORY_LIMIT, 2 * rules_.maximumHead + connectionMemoryBesidesHead,  //
@@ -178,10 +183,8 @@ bool HttpCommandServer::begin(const CommandServerOptions& options, std::string& 
                        MHD_OPTION_NOTIFY_CONNECTION, &onConnection, this,                                         //
                        MHD_OPTION_NOTIFY_COMPLETED, &onCompleted, this,                                           //
                        MHD_OPTION_ARRAY, tls.data(), MHD_OPTION_END);
-  if (daemon_ == nullptr) {
-    fault =
-        format("cannot serve %s: the HTTP library did not start (see the messages above)", addressAndPort(address_));
-  }
+  isStarted_ = true;
+  if (daemon_ == nullptr) fault = format("cannot serve %s: %s", addressAndPort(address_), startMessage_);
   return daemon_ != nullptr;
 }
 
@@ -302,11 +305,14 @@ void HttpCommandServer::onCompleted(void* self, MHD_Connection* connection, void
   server->connections_.markAudited(entry);
 }
 
-/// The library tells of clients that break off; only what stops the server itself is worth a line, and that is told
-/// before the first connection.
-void HttpCommandServer::onMessage(void*, const char* text, va_list arguments) {
+/// While it starts, the library says why it does not; afterwards it tells of clients that break off.
+void HttpCommandServer::onMessage(void* self, const char* text, va_list arguments) {
+  auto* server = static_cast<HttpCommandServer*>(self);
   char line[512];
-  if (std::vsnprintf(line, sizeof line, text, arguments) > 0) {
+  if (std::vsnprintf(line, sizeof line, text, arguments) <= 0) return;
+  if (std::this_thread::get_id() == server->starter_ && !server->isStarted_) {
+    server->startMessage_ = line;
+  } else {
     logAt(LogLevel::debug, "[%d] HTTP library: %s", processId(), static_cast<const char*>(line));
   }
 }
