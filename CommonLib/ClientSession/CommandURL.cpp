@@ -1,6 +1,7 @@
 #include "ClientSession/CommandURL.h"
 
 #include <algorithm>
+#include <array>
 #include <climits>
 
 namespace ostrel {
@@ -10,15 +11,19 @@ bool isLetter(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 bool isHexDigit(char c) { return isDigit(c) || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f'); }
 
-bool isUrlCharacter(char c) {
-  constexpr std::string_view marks = "-_.!~*'();/?:@&=+$,#%[]";
-  return isLetter(c) || isDigit(c) || (c != '\0' && marks.find(c) != std::string_view::npos);
+constexpr std::array<bool, 256> makeUrlCharacters() {
+  constexpr std::string_view all =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.!~*'();/?:@&=+$,#%[]";
+  std::array<bool, 256> table{};
+  for (const char character : all) table[static_cast<unsigned char>(character)] = true;
+  return table;
 }
+constexpr std::array<bool, 256> isUrlCharacter = makeUrlCharacters();
 
 bool isUrlText(std::string_view text) {
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (!isUrlCharacter(text[i])) return false;
-    if (text[i] == '%' && (i + 2 >= text.size() || !isHexDigit(text[i + 1]) || !isHexDigit(text[i + 2]))) return false;
+  if (!std::ranges::all_of(text, [](unsigned char c) { return isUrlCharacter[c]; })) return false;
+  for (std::size_t i = text.find('%'); i != std::string_view::npos; i = text.find('%', i + 1)) {
+    if (i + 2 >= text.size() || !isHexDigit(text[i + 1]) || !isHexDigit(text[i + 2])) return false;
   }
   return true;
 }

@@ -21,19 +21,21 @@ constexpr std::array<bool, 256> isPlain = makePlainTable();
 
 std::string encodeFormBody(std::string_view text) {
   constexpr char digits[] = "0123456789ABCDEF";
-  std::string body = "input=";
-  body.reserve(body.size() + text.size() + text.size() / 2);
-  for (std::size_t i = 0; i < text.size();) {
-    std::size_t end = i;
-    while (end < text.size() && isPlain[static_cast<unsigned char>(text[end])]) ++end;
-    body.append(text, i, end - i);
-    if (end < text.size()) {
-      const auto byte = static_cast<unsigned char>(text[end++]);
-      const char escape[] = {'%', digits[byte >> 4U], digits[byte & 15U]};
-      body.append(escape, sizeof escape);
+  constexpr std::string_view field = "input=";
+  std::string body(field);
+  body.resize(field.size() + 3 * text.size());  // were every byte escaped
+  char* out = body.data() + field.size();
+  for (const char character : text) {
+    const auto byte = static_cast<unsigned char>(character);
+    if (isPlain[byte]) {
+      *out++ = character;
+      continue;
     }
-    i = end;
+    *out++ = '%';
+    *out++ = digits[byte >> 4U];
+    *out++ = digits[byte & 15U];
   }
+  body.resize(static_cast<std::size_t>(out - body.data()));
   return body;
 }
 

@@ -14,8 +14,8 @@
 namespace ostrel {
 namespace {
 
-/// The text, or "(null)" where "%@" meets an absent one.
-std::string shown(const std::optional<std::string>& text) { return text.value_or("(null)"); }
+/// The text, or what "%@" prints for an absent one.
+std::string_view shown(const std::optional<std::string>& text) { return text ? std::string_view(*text) : "(null)"; }
 
 /// An archive has no keys, so an absent text keeps its place.
 PlistValue archived(const std::optional<std::string>& text) { return text ? PlistValue(*text) : PlistValue(false); }
@@ -171,8 +171,9 @@ std::optional<CommandURL> OstrelDaemonSession::buildURL(const PlistValue& /*requ
                                                         const Text& protocol, const Text& host, const Text& port,
                                                         const Text& service) {
   if (prefix) return CommandURL::parse(*prefix);
-  return CommandURL::parse(
-      format("%@://%@:%@%@%@", shown(protocol), shown(host), shown(port), "/commands/", shown(service)));
+  std::string text;
+  text.append(shown(protocol)).append("://").append(shown(host)).append(":").append(shown(port));
+  return CommandURL::parse(text.append("/commands/").append(shown(service)));
 }
 
 std::optional<CommandURL> OstrelDaemonSession::buildURL(const PlistValue& request, const Text& prefix) const {

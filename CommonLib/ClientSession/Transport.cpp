@@ -60,16 +60,19 @@ std::string failureText(const Failure& failure, const std::string& url) {
 std::string requestBytes(const CommandURL& url, const Text& authHeader, const Text& sessionID,
                          const PlistValue& request) {
   const std::string body = OstrelDaemonSession::encodeRequest(request);
-  std::string bytes = format("POST %@ HTTP/1.0\r\n", url.path());
-  bytes += format("%@: %@:%d\r\n", "Host", url.hostForHeader(), url.portNumber());
+  std::string bytes;
+  bytes.reserve(512 + url.text().size() + body.size());
+  const auto addHeader = [&bytes](std::string_view name, std::string_view value) {
+    bytes.append(name).append(": ").append(value).append("\r\n");
+  };
+  bytes.append("POST ").append(url.path()).append(" HTTP/1.0\r\n");
+  addHeader("Host", url.hostForHeader() + ":" + std::to_string(url.portNumber()));
   // A value that could end its line is no value: the daemon then refuses the caller instead of reading a forged head.
-  if (authHeader && fitsHeaderLine(*authHeader)) bytes += format("%@: %@\r\n", "Authorization", *authHeader);
-  if (sessionID && !sessionID->empty() && fitsHeaderLine(*sessionID))
-    bytes += format("%@: %@\r\n", "OstrelSessionID", *sessionID);
-  bytes += "HTTP_USER_AGENT: Plexnet-OstrelDaemonSession\r\n";  // this header's odd name is meant
-  bytes += format("%@: %d\r\n\r\n", "Content-Length", body.size());
-  bytes += body;
-  return bytes;
+  if (authHeader && fitsHeaderLine(*authHeader)) addHeader("Authorization", *authHeader);
+  if (sessionID && !sessionID->empty() && fitsHeaderLine(*sessionID)) addHeader("OstrelSessionID", *sessionID);
+  bytes.append("HTTP_USER_AGENT: Plexnet-OstrelDaemonSession\r\n");  // this header's odd name is meant
+  addHeader("Content-Length", std::to_string(body.size()));
+  return bytes.append("\r\n").append(body);
 }
 
 struct ExchangeSettings {
@@ -127,8 +130,11 @@ class Exchange {
 
 NameResolver::Resolution Exchange::resolve() const {
   if (url_.portNumber() > UINT16_MAX) return {};  // the resolver would take it modulo 65536
-  const bool isLocal = url_.host().starts_with("localhost") || url_.host() == OstrelDaemonSession::zeroConfName();
-  return NameResolver::current().resolve(isLocal ? "localhost" : url_.host(), std::to_string(url_.portNumber()),
+  const std::string& host = url_.host();
+  // A name on the local link always ends so: for any other host this host's own need not be asked for.
+  const bool isLocal =
+      host.starts_with("localhost") || (host.ends_with(".local") && host == OstrelDaemonSession::zeroConfName());
+  return NameResolver::current().resolve(isLocal ? "localhost" : host, std::to_string(url_.portNumber()),
                                          AddressFamily::any);
 }
 

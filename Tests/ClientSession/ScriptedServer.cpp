@@ -75,14 +75,19 @@ void Peer::waitForClose() {
 
 namespace {
 
-SSL_CTX* makeServerContext(const TestCertificate& certificate, int newestVersion) {
+SSL_CTX* makeServerContext(const ScriptedServer::Options& options) {
   SSL_CTX* context = SSL_CTX_new(TLS_server_method());
   constexpr unsigned char name[] = "scripted";
-  if (context == nullptr || SSL_CTX_use_certificate(context, certificate.certificate()) != 1 ||
-      SSL_CTX_use_PrivateKey(context, certificate.key()) != 1 ||
-      SSL_CTX_set_max_proto_version(context, newestVersion) != 1 ||
+  if (context == nullptr || SSL_CTX_use_certificate(context, options.certificate->certificate()) != 1 ||
+      SSL_CTX_use_PrivateKey(context, options.certificate->key()) != 1 ||
+      SSL_CTX_set_max_proto_version(context, options.newestTlsVersion) != 1 ||
       SSL_CTX_set_session_id_context(context, name, sizeof name) != 1)
     throw std::runtime_error("cannot make a TLS server");
+  if (!options.resumable) {
+    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+    SSL_CTX_set_options(context, SSL_OP_NO_TICKET);
+    SSL_CTX_set_num_tickets(context, 0);
+  }
   return context;
 }
 
@@ -103,8 +108,7 @@ std::uint16_t portOf(int listener) {
 }  // namespace
 
 ScriptedServer::ScriptedServer(Options options, Script script) : options_(options), script_(std::move(script)) {
-  if (options_.certificate != nullptr)
-    context_.reset(makeServerContext(*options_.certificate, options_.newestTlsVersion));
+  if (options_.certificate != nullptr) context_.reset(makeServerContext(options_));
   listener_ = listenOn(options_.onIPv6 ? *SocketAddress::ipv6("::1") : *SocketAddress::ipv4("127.0.0.1"));
   if (!listener_) return;
   port_ = portOf(listener_.get());

@@ -58,6 +58,7 @@ class ScriptedServer {
     const TestCertificate* certificate = nullptr;  ///< with one: TLS
     int newestTlsVersion = TLS1_3_VERSION;
     bool onIPv6 = false;
+    bool resumable = true;    ///< hands TLS sessions out
     bool sequential = false;  ///< one connection after another on one thread
   };
 

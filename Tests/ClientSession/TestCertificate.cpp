@@ -27,8 +27,9 @@ void addExtension(X509* certificate, int kind, const std::string& value) {
 
 }  // namespace
 
-TestCertificate::TestCertificate(const std::string& alternativeNames, Validity validity)
-    : key_(EVP_EC_gen("P-256"), EVP_PKEY_free), certificate_(X509_new(), X509_free) {
+TestCertificate::TestCertificate(const std::string& alternativeNames, Validity validity, Kind kind)
+    : key_(kind == Kind::p256 ? EVP_EC_gen("P-256") : EVP_RSA_gen(2048), EVP_PKEY_free),
+      certificate_(X509_new(), X509_free) {
   static long serial = 0;
   X509* certificate = certificate_.get();
   require(key_ != nullptr && certificate != nullptr && X509_set_version(certificate, 2) == 1);

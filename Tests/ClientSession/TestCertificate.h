@@ -9,13 +9,15 @@
 
 namespace ostrel::testing {
 
-/// A fresh P-256 key and a certificate for it that it signed itself.
+/// A fresh key and a certificate for it that it signed itself.
 class TestCertificate {
  public:
   enum class Validity { current, expired };
+  enum class Kind { p256, rsa2048 };
 
   /// `alternativeNames` as OpenSSL spells them, for example "DNS:localhost,IP:127.0.0.1".
-  explicit TestCertificate(const std::string& alternativeNames, Validity validity = Validity::current);
+  explicit TestCertificate(const std::string& alternativeNames, Validity validity = Validity::current,
+                           Kind kind = Kind::p256);
 
   EVP_PKEY* key() const { return key_.get(); }
   X509* certificate() const { return certificate_.get(); }

@@ -40,8 +40,8 @@ TEST(FormBody, EscapesWhatAUrlOrAFormCannotHold) {
 
 TEST(FormBody, SurvivesAFormDecoderWhateverTheBytes) {
   std::mt19937 random(311);
-  for (int round = 0; round < 200; ++round) {
-    std::string text(round * 7U, '\0');
+  for (std::size_t round = 0; round < 200; ++round) {
+    std::string text(round * 7, '\0');
     for (char& byte : text) byte = static_cast<char>(random());
     const std::string body = encodeFormBody(text);
     ASSERT_EQ(body.find_first_of("&+/ %\r\n", 6), body.find('%', 6));  // nothing but escapes is special
