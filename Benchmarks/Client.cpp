@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -126,12 +127,13 @@ double timeOf(const std::function<void()>& exchange) {
 
 void measure(std::vector<Contender>& contenders, std::size_t rounds) {
   for (Contender& contender : contenders) contender.exchange();
+  std::vector<Contender*> order;
+  for (Contender& contender : contenders) order.push_back(&contender);
+  std::mt19937 random(311);
   for (std::size_t round = 0; round < rounds; ++round) {
-    for (std::size_t turn = 0; turn < contenders.size(); ++turn) {
-      // Forwards and backwards, so that nobody always runs after the same other one.
-      Contender& next = contenders[round % 2 == 0 ? turn : contenders.size() - 1 - turn];
-      next.seconds.push_back(timeOf(next.exchange));
-    }
+    // Who finds caches and a server thread that the one before warmed is left to chance.
+    std::ranges::shuffle(order, random);
+    for (Contender* next : order) next->seconds.push_back(timeOf(next->exchange));
   }
 }
 

@@ -219,6 +219,7 @@ IoStatus OpenSslConnection::statusOf(int result) {
 IoStatus OpenSslConnection::handshake() {
   if (failure_ != ioCompleted) return failure_;
   ERR_clear_error();
+  channel_.gathers = true;
   const int result = SSL_do_handshake(ssl_.get());
   return result == 1 ? ioCompleted : statusOf(result);
 }
@@ -227,6 +228,7 @@ IoStatus OpenSslConnection::read(void* data, std::size_t* length) {
   const std::size_t capacity = std::exchange(*length, 0);
   if (failure_ != ioCompleted) return failure_;
   ERR_clear_error();
+  channel_.gathers = false;
   const int result = SSL_read_ex(ssl_.get(), data, capacity, length);
   return result == 1 ? ioCompleted : statusOf(result);
 }
@@ -236,6 +238,7 @@ IoStatus OpenSslConnection::write(const void* data, std::size_t* length) {
   if (failure_ != ioCompleted) return failure_;
   if (size == 0) return ioCompleted;
   ERR_clear_error();
+  channel_.gathers = false;
   const int result = SSL_write_ex(ssl_.get(), data, size, length);
   return result == 1 ? ioCompleted : statusOf(result);
 }
@@ -243,6 +246,7 @@ IoStatus OpenSslConnection::write(const void* data, std::size_t* length) {
 IoStatus OpenSslConnection::close() {
   if (closed_ || failure_ != ioCompleted || SSL_is_init_finished(ssl_.get()) == 0) return ioCompleted;
   ERR_clear_error();
+  channel_.gathers = false;
   const int result = SSL_shutdown(ssl_.get());
   const IoStatus status = result >= 0 ? ioCompleted : statusOf(result);
   closed_ = status != ioWouldBlock;

@@ -211,6 +211,31 @@ TEST(TlsClient, StatusesOfTheCallbacksComeThrough) {
   }
 }
 
+int writes = 0;
+
+std::int32_t countingWrite(int connection, const void* data, std::size_t* count) {
+  ++writes;
+  return _OstrelSocketBlockingWrite(connection, data, count);
+}
+
+TEST(TlsClient, EndOfTheHandshakeTravelsWithTheFirstData) {
+  for (const bool clientBegins : {true, false}) {
+    ScriptedServer server(withCertificate(TestCertificates::shared().trusted), [&](Peer& peer, int) {
+      if (clientBegins) peer.readRequest();
+      peer.send("hello");
+    });
+    TlsClientOptions options = laxOptions();
+    options.write = countingWrite;
+    writes = 0;
+    Client client(server, options);
+    ASSERT_EQ(client.shakeHands(), ioCompleted);
+    std::size_t count = 4;
+    if (clientBegins) client.tls->write("\r\n\r\n", &count);
+    EXPECT_EQ(client.readAll(), std::pair(std::string("hello"), ioClosedGracefully));
+    EXPECT_EQ(writes, 2);  // the first message, and the last together with the data or before the first read
+  }
+}
+
 TEST(TlsClient, HandshakeGoesOnAfterWouldBlock) {
   ScriptedServer server(withCertificate(TestCertificates::shared().trusted),
                         [](Peer& peer, int) { peer.send("hello"); });

@@ -1,5 +1,7 @@
 #include "Platform/Internal/TlsCallbackBio.h"
 
+#include <algorithm>
+
 namespace ostrel {
 namespace {
 
@@ -21,6 +23,12 @@ int readBytes(BIO* bio, char* data, std::size_t capacity, std::size_t* transferr
   TlsCallbackChannel& channel = channelOf(bio);
   BIO_clear_retry_flags(bio);
   *transferred = 0;
+  channel.readStatus = ioCompleted;
+  // The peer may be waiting for what is unsent.
+  if (channel.sendUnsent() != ioCompleted) {
+    if (channel.writeStatus == ioWouldBlock) BIO_set_retry_read(bio);
+    return 0;
+  }
   if (channel.pendingReadStatus != ioCompleted) {
     channel.readStatus = channel.pendingReadStatus;
   } else {
@@ -40,9 +48,24 @@ int readBytes(BIO* bio, char* data, std::size_t capacity, std::size_t* transferr
 int writeBytes(BIO* bio, const char* data, std::size_t length, std::size_t* transferred) {
   TlsCallbackChannel& channel = channelOf(bio);
   BIO_clear_retry_flags(bio);
-  std::size_t count = length;
-  channel.writeStatus = knownStatus(channel.writeCallback(channel.connection, data, &count));
-  *transferred = count <= length ? count : 0;
+  if (channel.gathers) {
+    channel.unsent.append(data, length);
+    *transferred = length;
+    return 1;
+  }
+  const std::size_t before = channel.unsent.size();
+  if (before > 0) {
+    channel.unsent.append(data, length);
+    channel.sendUnsent();
+    // What is left of these bytes stays the caller's: it hands them in again.
+    const std::size_t left = std::min(channel.unsent.size(), length);
+    channel.unsent.resize(channel.unsent.size() - left);
+    *transferred = length - left;
+  } else {
+    std::size_t count = length;
+    channel.writeStatus = knownStatus(channel.writeCallback(channel.connection, data, &count));
+    *transferred = count <= length ? count : 0;
+  }
   if (*transferred > 0) return 1;  // a failure behind some of the bytes shows when the rest is written
   if (channel.writeStatus == ioWouldBlock) BIO_set_retry_write(bio);
   return 0;
@@ -70,6 +93,14 @@ BIO_METHOD* makeMethod() {
 }
 
 }  // namespace
+
+IoStatus TlsCallbackChannel::sendUnsent() {
+  if (unsent.empty()) return ioCompleted;
+  std::size_t count = unsent.size();
+  writeStatus = knownStatus(writeCallback(connection, unsent.data(), &count));
+  unsent.erase(0, std::min(count, unsent.size()));
+  return writeStatus;
+}
 
 BIO* makeTlsCallbackBio(TlsCallbackChannel& channel) {
   static BIO_METHOD* const method = makeMethod();  // kept for the life of the process
