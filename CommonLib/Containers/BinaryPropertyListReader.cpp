@@ -2,6 +2,10 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <string>
 #include <vector>
 
 #include "Containers/Internal/BinaryFormat.h"
@@ -17,7 +21,10 @@ namespace {
 class BinaryReader {
  public:
   BinaryReader(std::string_view bytes, PlistForm form) noexcept
-      : bytes_(bytes), begin_(bytes.data()), mutableContainers_(form == PlistForm::mutableContainers) {}
+      : bytes_(bytes),
+        begin_(bytes.data()),
+        mutableContainers_(form == PlistForm::mutableContainers),
+        scratch_(bytes.size() * 2) {}
 
   /// Null after a fault.
   PlistValue readFile() {
@@ -50,8 +57,13 @@ class BinaryReader {
   };
   static constexpr std::size_t knownKeysSlots = 16;
 
+  struct FreeArray {
+    void operator()(BytesNode** array) const noexcept { std::free(static_cast<void*>(array)); }
+  };
+
   bool readTrailer();
   bool readTree();
+  bool readShortText(std::uint64_t object);
   bool readObject(std::uint64_t object);
   bool readHeader(std::uint64_t object, Header& header);
   bool readSimple(const Header& header);
@@ -59,7 +71,7 @@ class BinaryReader {
   bool readReal(const Header& header);
   bool readDate(const Header& header);
   bool readBytes(std::uint64_t object, const Header& header);
-  bool makeText(const Header& header, PlistValue& value);
+  BytesNode*& sharedSlot(std::uint64_t object);
   bool openContainer(const Header& header);
   bool closeContainer();
   bool readKey(Frame& frame);
@@ -81,6 +93,7 @@ class BinaryReader {
   std::string_view bytes_;
   const char* begin_;
   const char* objectsEnd_ = nullptr;  // where the table of offsets begins
+  std::uint64_t objectsLength_ = 0;   // from the first byte of the file
   std::size_t offsetSize_ = 0;
   std::size_t referenceSize_ = 0;
   std::uint64_t objectCount_ = 0;
@@ -91,7 +104,8 @@ class BinaryReader {
 
   PlistScratch scratch_;
   std::vector<Frame> frames_;
-  std::vector<PlistValue> shared_;  // text and data that do not live in a handle, by object
+  // Text and data that do not live in a handle, by object; not counted: they live as long as the reader's values.
+  std::unique_ptr<BytesNode*[], FreeArray> shared_;
   std::array<KnownKeys, knownKeysSlots> knownKeys_{};
   const char* fault_ = "";
   std::size_t faultOffset_ = 0;
@@ -117,6 +131,7 @@ bool BinaryReader::readTrailer() {
     return fail("the offset table does not fill its place", trailer + objectCountAt);
   if (root_ >= objectCount_) return fail("the root is not an object", trailer + rootAt);
   objectsEnd_ = begin_ + table;
+  objectsLength_ = table;
   // Every reference takes a byte of the file: only containers that are used twice can lead to more members than that.
   membersLeft_ = bytes_.size();
   expansionLeft_ = bytes_.size() * expansionLimit;
@@ -126,29 +141,52 @@ bool BinaryReader::readTrailer() {
 bool BinaryReader::readTree() {
   if (!readObject(root_)) return false;
   while (!frames_.empty()) {
+    const std::size_t depth = frames_.size();
     Frame& frame = frames_.back();
-    if (frame.left == 0) {
-      if (!closeContainer()) return false;
-      continue;
+    while (frame.left != 0) {
+      --frame.left;
+      if (frame.isDictionary && !readKey(frame)) return false;
+      const std::uint64_t object = readSized(frame.nextValue, referenceSize_);
+      frame.nextValue += referenceSize_;
+      if (readShortText(object)) continue;
+      if (!readObject(object)) return false;
+      if (frames_.size() != depth) break;  // a container was opened, and `frame` may have moved
     }
-    --frame.left;
-    if (frame.isDictionary && !readKey(frame)) return false;
-    const std::uint64_t object = readSized(frame.nextValue, referenceSize_);
-    frame.nextValue += referenceSize_;
-    if (!readObject(object)) return false;
+    if (frames_.size() == depth && !closeContainer()) return false;
   }
   return true;
+}
+
+/// The commonest member, read straight into a handle: ASCII of at most fourteen bytes. False, and nothing done, for
+/// everything else.
+inline bool BinaryReader::readShortText(std::uint64_t object) {
+#ifdef __SSE2__
+  if (object >= objectCount_) return false;
+  const std::uint64_t offset = readSized(objectsEnd_ + object * offsetSize_, offsetSize_);
+  if (offset < magic.size() || offset >= objectsLength_) return false;
+  const char* const start = begin_ + offset;
+  const unsigned length = static_cast<unsigned char>(*start) & 15U;
+  const bool isShort = static_cast<unsigned char>(*start) >> 4 == static_cast<unsigned>(Marker::ascii) &&
+                       length <= PlistStorage::inlineCapacity;
+  // sixteen bytes are readable wherever an object is: the trailer follows
+  if (!isShort || objectsLength_ - offset <= length || length > expansionLeft_) return false;
+  if ((maskOf(load16(start + 1)) & ((1U << length) - 1)) != 0) return false;
+  expansionLeft_ -= length;
+  scratch_.push(PlistStorage::makeShortString(start + 1, length));
+  return true;
+#else
+  return object != object;
+#endif
 }
 
 // ---- objects
 // ------------------------------------------------------------------------------------------------------------
 
-bool BinaryReader::readHeader(std::uint64_t object, Header& header) {
+inline bool BinaryReader::readHeader(std::uint64_t object, Header& header) {
   if (object >= objectCount_) return fail("a reference to no object", objectsEnd_);
   const char* const entry = objectsEnd_ + object * offsetSize_;
   const std::uint64_t offset = readSized(entry, offsetSize_);
-  if (offset < magic.size() || offset >= static_cast<std::uint64_t>(objectsEnd_ - begin_))
-    return fail("an object lies outside the file", entry);
+  if (offset < magic.size() || offset >= objectsLength_) return fail("an object lies outside the file", entry);
   const char* const start = begin_ + offset;
   const auto byte = static_cast<unsigned char>(*start);
   header.marker = static_cast<Marker>(byte >> 4);
@@ -248,31 +286,35 @@ bool BinaryReader::readBytes(std::uint64_t object, const Header& header) {
     scratch_.push(PlistStorage::makeShortString(header.body, header.count));
     return true;
   }
-  if (shared_.empty()) shared_.resize(objectCount_);
-  PlistValue& value = shared_[object];
-  if (value.isNull()) {
-    if (header.marker == Marker::data) {
-      value = PlistData{{header.body, header.count}};
-    } else if (!makeText(header, value)) {
-      return false;
-    }
+  BytesNode*& node = sharedSlot(object);
+  const bool isData = header.marker == Marker::data;
+  if (node != nullptr) {
+    scratch_.push(PlistStorage::shareUnpublished(node, isData));
+    return true;
   }
-  scratch_.push(PlistStorage::shareUnpublished(value));
+  std::string_view bytes(header.body, header.count);
+  std::string converted;
+  if (header.marker == Marker::ascii && !isAscii(bytes)) return fail("a text is not ASCII", header.body - 1);
+  if (header.marker == Marker::utf16) {
+    if (appendUtf16(converted, {header.body, header.count * 2}, true) != header.count * 2)
+      return fail("invalid UTF-16", header.body - 1);
+    bytes = converted;
+  }
+  if (!isData && bytes.size() <= PlistStorage::inlineCapacity) {
+    scratch_.pushString(bytes);
+  } else {
+    scratch_.push(PlistStorage::makeBytes(bytes, isData, scratch_.arena(), node));
+  }
   return true;
 }
 
-bool BinaryReader::makeText(const Header& header, PlistValue& value) {
-  if (header.marker == Marker::ascii) {
-    const std::string_view text(header.body, header.count);
-    if (!isAscii(text)) return fail("a text is not ASCII", header.body - 1);
-    value = PlistStorage::makeString(text);
-    return true;
+/// Zeroed memory from the system costs nothing where it is not touched.
+BytesNode*& BinaryReader::sharedSlot(std::uint64_t object) {
+  if (shared_ == nullptr) {
+    shared_.reset(static_cast<BytesNode**>(std::calloc(objectCount_, sizeof(BytesNode*))));
+    if (shared_ == nullptr) throw std::bad_alloc();
   }
-  std::string text;
-  if (appendUtf16(text, {header.body, header.count * 2}, true) != header.count * 2)
-    return fail("invalid UTF-16", header.body - 1);
-  value = PlistStorage::makeString(text);
-  return true;
+  return shared_[object];
 }
 
 // ---- containers

@@ -10,6 +10,7 @@
 #include "Containers/Internal/BinaryFormat.h"
 #include "Containers/Internal/ByteScan.h"
 #include "Containers/Internal/OutputBuffer.h"
+#include "Containers/Internal/PlistStorage.h"
 #include "Containers/PropertyList.h"
 #include "Containers/Utf8.h"
 
@@ -42,8 +43,9 @@ class BinaryWriter {
   std::optional<std::string> writeFile(const PlistValue& value) {
     constexpr std::size_t manyValues = 0x10000;
     const std::size_t count = countValues(value, manyValues);
+    offsets_.reserve(count);
     referenceSize_ = count <= 0x100 ? 1 : count <= manyValues ? 2 : 4;
-    known_.resize(std::clamp<std::size_t>(std::bit_ceil(count * 2), 64, 16384));
+    known_.resize(std::clamp<std::size_t>(std::bit_ceil(count * 2), 64, 8192));
     out_.append(magic);
     Reference root = 0;
     if (!writeValue(value, 0, root)) return std::nullopt;
@@ -55,6 +57,7 @@ class BinaryWriter {
   struct Known {
     const PlistValue* value = nullptr;
     Reference reference = 0;
+    std::uint32_t hash = 0;  // its high half: most leaves that differ are told apart here
   };
   // A dictionary that was written before at the same depth, and its keys' references.
   struct Model {
@@ -98,17 +101,20 @@ std::uint64_t mix(std::uint64_t hash, std::uint64_t bits) noexcept {
   return hash ^ hash >> 32;
 }
 
-std::uint64_t hashOf(std::string_view text) noexcept {
-  std::uint64_t hash = text.size();
-  while (text.size() > 8) {
-    std::uint64_t word = 0;
-    std::memcpy(&word, text.data(), 8);
-    hash = mix(hash, word);
-    text.remove_prefix(8);
-  }
+std::uint64_t wordAt(const char* at) noexcept {
   std::uint64_t word = 0;
-  if (!text.empty()) std::memcpy(&word, text.data(), text.size());
-  return mix(hash, word);
+  std::memcpy(&word, at, sizeof word);
+  return word;
+}
+
+/// Of a short text all of it, of a longer one its length and three samples: equal hashes of different texts cost a
+/// comparison and no more.
+std::uint64_t hashOf(const PlistValue& string) noexcept {
+  const std::string_view text = string.stringValue();
+  const char* const at = text.data();
+  if (text.size() <= PlistStorage::inlineCapacity)  // it fills the handle, with its length
+    return mix(mix(wordAt(at), text.size()), wordAt(at + 8));
+  return mix(mix(mix(text.size(), wordAt(at)), wordAt(at + text.size() / 2 - 4)), wordAt(at + text.size() - 8));
 }
 
 std::uint64_t bitsOf(const PlistValue& leaf) noexcept {
@@ -122,9 +128,10 @@ bool sameLeaf(const PlistValue& left, const PlistValue& right) noexcept {
   return left.isString() && right.isString() && left.stringValue() == right.stringValue();
 }
 
-BinaryWriter::Known& BinaryWriter::find(const PlistValue& leaf, std::uint64_t hash, bool& found) {
-  Known& known = known_[hash % known_.size()];
-  found = known.value != nullptr && sameLeaf(*known.value, leaf);
+inline BinaryWriter::Known& BinaryWriter::find(const PlistValue& leaf, std::uint64_t hash, bool& found) {
+  Known& known = known_[hash & (known_.size() - 1)];
+  found =
+      known.value != nullptr && known.hash == static_cast<std::uint32_t>(hash >> 32) && sameLeaf(*known.value, leaf);
   return known;
 }
 
@@ -152,7 +159,8 @@ bool BinaryWriter::writeValue(const PlistValue& value, std::size_t depth, Refere
     case PlistValue::Kind::number:
     case PlistValue::Kind::date: {
       bool found = false;
-      Known& known = find(value, mix(static_cast<std::uint64_t>(value.kind()), bitsOf(value)), found);
+      const std::uint64_t hash = mix(static_cast<std::uint64_t>(value.kind()), bitsOf(value));
+      Known& known = find(value, hash, found);
       if (!found) {
         if (value.isReal()) {
           writeWord(0x23, bitsOf(value), reference);
@@ -163,7 +171,7 @@ bool BinaryWriter::writeValue(const PlistValue& value, std::size_t depth, Refere
         } else {
           writeInteger(value, reference);
         }
-        known = {&value, reference};
+        known = {&value, reference, static_cast<std::uint32_t>(hash >> 32)};
       }
       reference = known.reference;
       return true;
@@ -220,9 +228,11 @@ bool BinaryWriter::writeText(const PlistValue& value, Reference& reference) {
   const std::string_view text = value.stringValue();
   const bool shares = text.size() <= sharedTextLimit;
   Known* known = nullptr;
+  std::uint64_t hash = 0;
   if (shares) {
     bool found = false;
-    known = &find(value, hashOf(text), found);
+    hash = hashOf(value);
+    known = &find(value, hash, found);
     if (found) {
       reference = known->reference;
       return true;
@@ -231,11 +241,17 @@ bool BinaryWriter::writeText(const PlistValue& value, Reference& reference) {
   if (isAscii(text)) {
     reference = begin();
     beginCounted(Marker::ascii, text.size());
-    out_.append(text);
+    if (text.size() <= PlistStorage::inlineCapacity) {
+      char* const out = out_.reserve(sizeof value);
+      std::memcpy(out, text.data(), sizeof value);  // the whole handle: a copy of fixed size is one store
+      out_.advanceTo(out + text.size());
+    } else {
+      out_.append(text);
+    }
   } else if (!writeWideText(text, reference)) {
     return false;
   }
-  if (shares) *known = {&value, reference};
+  if (shares) *known = {&value, reference, static_cast<std::uint32_t>(hash >> 32)};
   return true;
 }
 

@@ -103,6 +103,7 @@ PlistValue parseDate(std::string_view text) noexcept {
   double seconds = 0;
   const auto [end, failure] = std::from_chars(decimal.data(), decimal.data() + decimal.size(), seconds);
   if (failure != std::errc()) seconds = moment->secondsSince1970;  // a fraction too small for a double
+  if (!calendarDate(PlistDate{seconds})) return {};                // rounded into the year 10000
   return PlistDate{seconds};
 }
 

@@ -61,37 +61,85 @@ std::uint64_t hashOf(std::string_view text) noexcept {
 
 }  // namespace
 
+// ---- slabs ----------------------------------------------------------------------------------------------------------
+
+void* PlistArena::allocateElsewhere(std::size_t bytes, std::uint16_t& slabOffset) {
+  if (bytes > largestNode) {
+    slabOffset = 0;
+    return detail::allocate(bytes);
+  }
+  close();
+  const std::size_t size = std::clamp(expected_, std::size_t{512}, slabSize);
+  const std::size_t fits = std::max(size & ~(grain - 1), grain + ((bytes + grain - 1) & ~(grain - 1)));
+  slab_ = static_cast<char*>(detail::allocate(fits));
+  new (slab_) Slab{filling};
+  next_ = slab_ + grain;
+  left_ = fits - grain;
+  return allocate(bytes, slabOffset);
+}
+
+namespace {
+
+void releaseSlabNodes(Slab* slab, std::uint32_t count) noexcept {
+  if (slab->live.fetch_sub(count, std::memory_order_acq_rel) == count) std::free(slab);
+}
+
+}  // namespace
+
+void PlistArena::close() noexcept {
+  if (slab_ == nullptr) return;
+  releaseSlabNodes(reinterpret_cast<Slab*>(slab_), filling - made_);
+  slab_ = nullptr;
+  left_ = 0;
+  made_ = 0;
+}
+
+// ---- nodes ----------------------------------------------------------------------------------------------------------
+
+namespace {
+
+template <class NodeType>
+NodeType* newNode(std::size_t bytes, PlistArena* arena) {
+  std::uint16_t slabOffset = 0;
+  void* memory = arena == nullptr ? allocate(bytes) : arena->allocate(bytes, slabOffset);
+  auto* node = new (memory) NodeType;
+  node->slabOffset = slabOffset;
+  return node;
+}
+
+}  // namespace
+
 BytesNode* PlistStorage::newBytes(std::size_t length) {
   if (length > std::numeric_limits<std::size_t>::max() - sizeof(BytesNode)) throw std::bad_alloc();
-  auto* node = new (allocate(sizeof(BytesNode) + length)) BytesNode;
+  auto* node = newNode<BytesNode>(sizeof(BytesNode) + length, nullptr);
   node->length = length;
   return node;
 }
 
-ArrayNode* PlistStorage::newArray(std::size_t capacity, bool isMutable) {
+BytesNode* PlistStorage::newBytes(std::string_view bytes, PlistArena* arena) {
+  auto* node = newNode<BytesNode>(sizeof(BytesNode) + bytes.size(), arena);
+  node->length = bytes.size();
+  if (!bytes.empty()) std::memcpy(node->bytes(), bytes.data(), bytes.size());
+  return node;
+}
+
+ArrayNode* PlistStorage::newArray(std::size_t capacity, bool isMutable, PlistArena* arena) {
   if (capacity > maximumCount) throw std::bad_alloc();
-  auto* node = new (allocate(sizeof(ArrayNode) + capacity * sizeof(PlistValue))) ArrayNode;
+  auto* node = newNode<ArrayNode>(sizeof(ArrayNode) + capacity * sizeof(PlistValue), arena);
   node->isMutable = isMutable;
   node->capacity = static_cast<std::uint32_t>(capacity);
   node->members = node->ownStorage();
   return node;
 }
 
-DictionaryNode* PlistStorage::newDictionary(std::size_t capacity, bool isMutable) {
+DictionaryNode* PlistStorage::newDictionary(std::size_t capacity, bool isMutable, PlistArena* arena) {
   if (capacity > maximumCount) throw std::bad_alloc();
-  auto* node = new (allocate(sizeof(DictionaryNode) + capacity * sizeof(PlistEntry))) DictionaryNode;
+  auto* node = newNode<DictionaryNode>(sizeof(DictionaryNode) + capacity * sizeof(PlistEntry), arena);
   node->isMutable = isMutable;
   node->isDictionary = true;
   node->capacity = static_cast<std::uint32_t>(capacity);
   node->members = node->ownStorage();
   return node;
-}
-
-PlistValue PlistStorage::adopt(Node* node, PlistValue::Tag tag) noexcept {
-  PlistValue value;
-  value.cell_.bits = reinterpret_cast<std::uintptr_t>(node);
-  value.cell_.tag = tag;
-  return value;
 }
 
 ArrayNode* PlistStorage::array(const PlistValue& value) noexcept {
@@ -102,22 +150,10 @@ DictionaryNode* PlistStorage::dictionary(const PlistValue& value) noexcept {
   return value.isDictionary() ? static_cast<DictionaryNode*>(value.node()) : nullptr;
 }
 
-PlistValue PlistStorage::allocateString(std::size_t length, char*& bytes) {
-  BytesNode* node = newBytes(length);
-  bytes = node->bytes();
-  return adopt(node, PlistValue::Tag::string);
-}
-
 PlistValue PlistStorage::allocateData(std::size_t length, char*& bytes) {
   BytesNode* node = newBytes(length);
   bytes = node->bytes();
   return adopt(node, PlistValue::Tag::data);
-}
-
-PlistValue PlistStorage::makeLongString(std::string_view text) {
-  BytesNode* node = newBytes(text.size());
-  std::memcpy(node->bytes(), text.data(), text.size());
-  return adopt(node, PlistValue::Tag::string);
 }
 
 void PlistStorage::shrinkData(PlistValue& data, std::size_t length) noexcept {
@@ -130,8 +166,8 @@ void PlistStorage::shrinkData(PlistValue& data, std::size_t length) noexcept {
   }
 }
 
-PlistValue PlistStorage::makeArray(PlistValue* members, std::size_t count, bool isMutable) {
-  ArrayNode* node = newArray(count, isMutable);
+PlistValue PlistStorage::makeArray(PlistValue* members, std::size_t count, bool isMutable, PlistArena& arena) {
+  ArrayNode* node = newArray(count, isMutable, &arena);
   if (count != 0) std::memcpy(static_cast<void*>(node->members), static_cast<void*>(members), count * sizeof *members);
   node->count = static_cast<std::uint32_t>(count);
   return adopt(node, PlistValue::Tag::array);
@@ -151,9 +187,10 @@ bool keysAreDistinct(const PlistEntry* members, std::uint32_t count) noexcept {
 
 }  // namespace
 
-PlistValue PlistStorage::makeDictionary(PlistValue* keysAndValues, std::size_t count, bool isMutable, Keys keys) {
+PlistValue PlistStorage::makeDictionary(PlistValue* keysAndValues, std::size_t count, bool isMutable, Keys keys,
+                                        PlistArena& arena) {
   static_assert(sizeof(PlistEntry) == 2 * sizeof(PlistValue));
-  DictionaryNode* node = newDictionary(count, isMutable);
+  DictionaryNode* node = newDictionary(count, isMutable, &arena);
   PlistValue made = adopt(node, PlistValue::Tag::dictionary);
   if (count != 0) {
     std::memcpy(static_cast<void*>(node->members), static_cast<void*>(keysAndValues), count * sizeof(PlistEntry));
@@ -243,21 +280,45 @@ void PlistStorage::appendEntry(DictionaryNode* node, PlistValue key, PlistValue 
 
 // ---- the end of a value ---------------------------------------------------------------------------------------------
 
+void PlistStorage::freeNode(Node* node, Doomed& doomed) noexcept {
+  if (node->slabOffset == 0) {
+    std::free(static_cast<void*>(node));
+    return;
+  }
+  auto* slab = reinterpret_cast<Slab*>(reinterpret_cast<char*>(node) - node->slabOffset * PlistArena::grain);
+  if (slab != doomed.slab) {
+    if (doomed.slabNodes != 0) releaseSlabNodes(doomed.slab, doomed.slabNodes);
+    doomed.slab = slab;
+    doomed.slabNodes = 0;
+  }
+  ++doomed.slabNodes;
+}
+
+namespace {
+
+/// True when this was the last share. A sole owner need not count: nobody else can take a share.
+bool dropShare(Node* node) noexcept {
+  const std::atomic_ref references(node->references);
+  return references.load(std::memory_order_acquire) == 1 || references.fetch_sub(1, std::memory_order_acq_rel) == 1;
+}
+
+}  // namespace
+
 /// Drops one share of a member: a leaf that nobody else holds is freed at once, a container joins the doomed.
-void PlistStorage::drop(PlistValue& member, ContainerNode*& doomed) noexcept {
+void PlistStorage::drop(PlistValue& member, Doomed& doomed) noexcept {
   if (!member.holdsNode()) return;
   Node* node = member.node();
-  if (std::atomic_ref(node->references).fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  if (!dropShare(node)) return;
   if (member.cell_.tag < PlistValue::Tag::array) {
-    std::free(static_cast<BytesNode*>(node));
+    freeNode(node, doomed);
     return;
   }
   auto* container = static_cast<ContainerNode*>(node);
-  container->nextDoomed = doomed;
-  doomed = container;
+  container->nextDoomed = doomed.containers;
+  doomed.containers = container;
 }
 
-void PlistStorage::dropMembers(ContainerNode* node, ContainerNode*& doomed) noexcept {
+void PlistStorage::dropMembers(ContainerNode* node, Doomed& doomed) noexcept {
   const std::uint32_t count = std::exchange(node->count, 0);
   if (node->isDictionary) {
     auto* dictionary = static_cast<DictionaryNode*>(node);
@@ -272,25 +333,25 @@ void PlistStorage::dropMembers(ContainerNode* node, ContainerNode*& doomed) noex
   }
 }
 
-void PlistStorage::freeContainer(ContainerNode* node) noexcept {
+void PlistStorage::freeContainer(ContainerNode* node, Doomed& doomed) noexcept {
   if (node->isDictionary) {
     auto* dictionary = static_cast<DictionaryNode*>(node);
     if (dictionary->members != dictionary->ownStorage()) std::free(static_cast<void*>(dictionary->members));
-    std::free(dictionary);
   } else {
     auto* array = static_cast<ArrayNode*>(node);
     if (array->members != array->ownStorage()) std::free(static_cast<void*>(array->members));
-    std::free(array);
   }
+  freeNode(node, doomed);
 }
 
-void PlistStorage::destroy(ContainerNode* doomed) noexcept {
-  while (doomed != nullptr) {
-    ContainerNode* node = doomed;
-    doomed = node->nextDoomed;
+void PlistStorage::destroy(Doomed& doomed) noexcept {
+  while (doomed.containers != nullptr) {
+    ContainerNode* node = doomed.containers;
+    doomed.containers = node->nextDoomed;
     dropMembers(node, doomed);
-    freeContainer(node);
+    freeContainer(node, doomed);
   }
+  if (doomed.slabNodes != 0) releaseSlabNodes(doomed.slab, doomed.slabNodes);
 }
 
 }  // namespace detail
@@ -298,14 +359,9 @@ void PlistStorage::destroy(ContainerNode* doomed) noexcept {
 using detail::PlistStorage;
 
 void PlistValue::releaseNode() noexcept {
-  std::atomic_ref references(node()->references);
-  if (references.load(std::memory_order_acquire) != 1 && references.fetch_sub(1, std::memory_order_acq_rel) != 1)
-    return;
-  if (cell_.tag < Tag::array) {
-    std::free(static_cast<detail::BytesNode*>(node()));
-  } else {
-    PlistStorage::destroy(static_cast<detail::ContainerNode*>(node()));
-  }
+  detail::Doomed doomed;
+  PlistStorage::drop(*this, doomed);
+  PlistStorage::destroy(doomed);
 }
 
 // ---- making values --------------------------------------------------------------------------------------------------
@@ -358,31 +414,6 @@ PlistValue PlistValue::arrayOf(std::initializer_list<PlistValue> elements) {
 }
 
 // ---- what it is -----------------------------------------------------------------------------------------------------
-
-PlistValue::Kind PlistValue::kind() const noexcept {
-  switch (cell_.tag) {
-    case Tag::null:
-      return Kind::null;
-    case Tag::boolean:
-      return Kind::boolean;
-    case Tag::integer:
-    case Tag::bigInteger:
-    case Tag::real:
-      return Kind::number;
-    case Tag::date:
-      return Kind::date;
-    case Tag::inlineString:
-    case Tag::string:
-      return Kind::string;
-    case Tag::data:
-      return Kind::data;
-    case Tag::array:
-      return Kind::array;
-    case Tag::dictionary:
-      return Kind::dictionary;
-  }
-  return Kind::null;
-}
 
 bool PlistValue::isMutable() const noexcept { return cell_.tag >= Tag::array && node()->isMutable; }
 
@@ -444,12 +475,6 @@ bool operator==(const PlistValue& left, const PlistValue& right) noexcept {
 }
 
 // ---- leaves ---------------------------------------------------------------------------------------------------------
-
-std::string_view PlistValue::dataView() const noexcept {
-  if (cell_.tag != Tag::data && cell_.tag != Tag::string) return {};
-  auto* bytes = static_cast<detail::BytesNode*>(node());
-  return {bytes->bytes(), bytes->length};
-}
 
 std::int64_t PlistValue::int64Value() const noexcept {
   if (cell_.tag != Tag::real) return static_cast<std::int64_t>(uint64Value());
@@ -584,7 +609,7 @@ std::size_t PlistValue::removeIdentical(const PlistValue& value) {
 bool PlistValue::clear() {
   if (!isMutable()) return false;
   auto* container = static_cast<detail::ContainerNode*>(node());
-  detail::ContainerNode* doomed = nullptr;
+  detail::Doomed doomed;
   PlistStorage::dropMembers(container, doomed);
   PlistStorage::destroy(doomed);
   return true;

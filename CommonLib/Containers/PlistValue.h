@@ -110,7 +110,11 @@ class OSTREL_EXPORT PlistValue {
 
   // ---- what it is ---------------------------------------------------------------------------------------------
 
-  Kind kind() const noexcept;
+  Kind kind() const noexcept {
+    constexpr Kind kinds[] = {Kind::null,   Kind::boolean, Kind::number, Kind::number, Kind::number,    Kind::date,
+                              Kind::string, Kind::string,  Kind::data,   Kind::array,  Kind::dictionary};
+    return kinds[static_cast<std::size_t>(cell_.tag)];
+  }
   bool isNull() const noexcept { return cell_.tag == Tag::null; }
   bool isDictionary() const noexcept { return cell_.tag == Tag::dictionary; }
   bool isArray() const noexcept { return cell_.tag == Tag::array; }
@@ -275,6 +279,14 @@ struct PlistEntry {
   std::string_view keyText() const noexcept { return key.stringValue(); }
 };
 
+// A node of bytes is 16 bytes, of which the last 8 are the length, and then the bytes.
+inline std::string_view PlistValue::dataView() const noexcept {
+  if (cell_.tag != Tag::data && cell_.tag != Tag::string) return {};
+  const char* node = reinterpret_cast<const char*>(cell_.bits);  // NOLINT
+  std::size_t length = 0;
+  std::memcpy(&length, node + 8, sizeof length);
+  return {node + 16, length};
+}
 inline std::string_view PlistValue::stringView() const noexcept {
   if (cell_.tag == Tag::inlineString) return {reinterpret_cast<const char*>(&cell_), cell_.length};
   return cell_.tag == Tag::string ? dataView() : std::string_view();

@@ -36,7 +36,9 @@ std::string_view nameOf(Element element) { return elementNames[static_cast<std::
 class XmlReader : public XmlScanner {
  public:
   XmlReader(const TextInput& input, PlistForm form)
-      : XmlScanner(input.text(), input.encoding()), mutableContainers_(form == PlistForm::mutableContainers) {}
+      : XmlScanner(input.text(), input.encoding()),
+        mutableContainers_(form == PlistForm::mutableContainers),
+        scratch_(input.text().size()) {}
 
   /// Null after a fault.
   PlistValue readDocument() {
@@ -208,7 +210,7 @@ bool XmlReader::readKey(Frame& frame) {
   if (element != Element::key) return fail("a dictionary holds a value without a key", start);
   if (!isEmpty) return readOtherKey(frame);
   frame.lastKeyFromModel = frame.keysFollowModel = false;
-  scratch_.push(PlistStorage::makeString({}));
+  scratch_.pushString({});
   return true;
 }
 
@@ -244,7 +246,7 @@ bool XmlReader::readOtherKey(Frame& frame) {
     return true;
   }
   frame.keysFollowModel = false;
-  scratch_.push(PlistStorage::makeString(content));
+  scratch_.pushString(content);
   return true;
 }
 
@@ -310,7 +312,7 @@ bool XmlReader::readLeaf(Element element, bool isEmpty) {
   switch (element) {
     case Element::string:
       if (!isEmpty) return readString();
-      scratch_.push(PlistStorage::makeString({}));
+      scratch_.pushString({});
       return true;
     case Element::boolTrue:
     case Element::boolFalse:
@@ -332,7 +334,7 @@ bool XmlReader::readLeaf(Element element, bool isEmpty) {
 bool XmlReader::readString() {
   std::string_view content;
   if (!readContent("string", content)) return false;
-  scratch_.push(PlistStorage::makeString(content));
+  scratch_.pushString(content);
   return true;
 }
 

@@ -74,9 +74,14 @@ inline bool isAscii(std::string_view bytes) noexcept {
     if (maskOf(load16(at)) != 0) return false;
   }
 #endif
-  char seen = 0;
-  for (; at != end; ++at) seen = static_cast<char>(seen | *at);
-  return seen >= 0;
+  std::uint64_t seen = 0;
+  for (; end - at >= 4; at += 4) {
+    std::uint32_t word = 0;
+    std::memcpy(&word, at, sizeof word);
+    seen |= word;
+  }
+  for (; at != end; ++at) seen |= static_cast<unsigned char>(*at);
+  return (seen & 0x80808080) == 0;
 }
 
 /// True when the bytes from `at` begin with `literal`.

@@ -5,6 +5,9 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
+
+#include "Containers/PlistValue.h"
 
 namespace ostrel::detail {
 
@@ -34,19 +37,30 @@ class OutputBuffer {
     at_ = out + bytes.size();
   }
 
+  /// How large the whole will be, about; asked once, when the document turns out not to be small. Growing step by step
+  /// would take twice the memory, all of it fresh from the system.
+  void expectFrom(const PlistValue& root, std::size_t (*estimate)(const PlistValue&)) noexcept {
+    root_ = &root;
+    estimate_ = estimate;
+  }
+
   std::size_t size() const noexcept { return text_.size() + static_cast<std::size_t>(at_ - staged_); }
 
   std::string finish() {
+    if (text_.empty()) return {staged_, static_cast<std::size_t>(at_ - staged_)};
     flush();
     return std::move(text_);
   }
 
  private:
   void flush() {
+    if (root_ != nullptr) text_.reserve(estimate_(*std::exchange(root_, nullptr)));
     text_.append(staged_, static_cast<std::size_t>(at_ - staged_));
     at_ = staged_;
   }
 
+  const PlistValue* root_ = nullptr;
+  std::size_t (*estimate_)(const PlistValue&) = nullptr;
   std::string text_;
   char* at_ = staged_;
   char staged_[2 * maximumReserve];

@@ -14,7 +14,8 @@ namespace ostrel::detail {
 
 class PlistScratch {
  public:
-  PlistScratch() = default;
+  /// `expectedHeap`: a guess at the bytes that the document's values will take on the heap.
+  explicit PlistScratch(std::size_t expectedHeap) noexcept : arena_(expectedHeap) {}
   PlistScratch(const PlistScratch&) = delete;
   PlistScratch& operator=(const PlistScratch&) = delete;
   ~PlistScratch() {
@@ -29,6 +30,8 @@ class PlistScratch {
     if (top_ == limit_) grow();
     new (top_++) PlistValue(std::move(value));
   }
+  void pushString(std::string_view text) { push(PlistStorage::makeString(text, &arena_)); }
+  PlistArena& arena() noexcept { return arena_; }
   PlistValue pop() noexcept {
     --top_;
     PlistValue value = std::move(*top_);
@@ -38,14 +41,14 @@ class PlistScratch {
 
   /// Turns everything above `base` into an array, and leaves that in its place.
   void foldArray(std::size_t base, bool isMutable) {
-    PlistValue made = PlistStorage::makeArray(begin_ + base, size() - base, isMutable);
+    PlistValue made = PlistStorage::makeArray(begin_ + base, size() - base, isMutable, arena_);
     top_ = begin_ + base;
     push(std::move(made));
   }
   /// Turns everything above `base`, keys and values in turn, into a dictionary, and leaves that in its place. False,
   /// with nothing in its place, when two keys are equal.
   bool foldDictionary(std::size_t base, bool isMutable, PlistStorage::Keys keys) {
-    PlistValue made = PlistStorage::makeDictionary(begin_ + base, (size() - base) / 2, isMutable, keys);
+    PlistValue made = PlistStorage::makeDictionary(begin_ + base, (size() - base) / 2, isMutable, keys, arena_);
     top_ = begin_ + base;
     if (made.isNull()) return false;
     push(std::move(made));
@@ -68,6 +71,7 @@ class PlistScratch {
     limit_ = begin_ + used * 2;
   }
 
+  PlistArena arena_;
   alignas(PlistValue) unsigned char storage_[ownCapacity * sizeof(PlistValue)];
   PlistValue* begin_ = own();
   PlistValue* top_ = begin_;

@@ -1,6 +1,7 @@
 // The heap side of PlistValue, shared by the value type and the codecs that fill values in bulk. Not installed.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -13,9 +14,62 @@ namespace ostrel::detail {
 /// What every heap value begins with. `references` is first: PlistValue counts through it without this header.
 struct Node {
   std::uint32_t references = 1;
-  bool isMutable = false;
-  bool isDictionary = false;
-  bool hasPlainKeys = false;  // set by the XML reader: every key stood in the input byte for byte
+  std::uint16_t slabOffset = 0;  // from the start of its slab in units of `PlistArena::grain`; 0 outside slabs
+  bool isMutable : 1 = false;
+  bool isDictionary : 1 = false;
+  bool hasPlainKeys : 1 = false;  // set by the XML reader: every key stood in the input byte for byte
+};
+
+/// Where many nodes of one document live together. It is freed with the last of them, so a value that outlives its
+/// document keeps at most `PlistArena::slabSize` bytes, or about the size of a smaller document, from being freed.
+struct Slab {
+  std::atomic<std::uint32_t> live;  // nodes that are not freed yet; far more while the slab is being filled
+};
+
+/// Memory for the nodes of a document that is being read: an addition each instead of an allocation each.
+class PlistArena {
+ public:
+  static constexpr std::size_t slabSize = 65536 - 64;
+  static constexpr std::size_t grain = 16;
+
+  /// `expected`: a guess at the bytes that the document's nodes will take.
+  explicit PlistArena(std::size_t expected) noexcept : expected_(expected) {}
+  PlistArena(const PlistArena&) = delete;
+  PlistArena& operator=(const PlistArena&) = delete;
+  ~PlistArena() { close(); }
+
+  /// `slabOffset` is what the node must remember.
+  void* allocate(std::size_t bytes, std::uint16_t& slabOffset) {
+    const std::size_t rounded = (bytes + grain - 1) & ~(grain - 1);
+    if (rounded > left_ || rounded < bytes) return allocateElsewhere(bytes, slabOffset);
+    char* const memory = next_;
+    next_ += rounded;
+    left_ -= rounded;
+    ++made_;
+    slabOffset = static_cast<std::uint16_t>(static_cast<std::size_t>(memory - slab_) / grain);
+    return memory;
+  }
+
+ private:
+  static constexpr std::uint32_t filling = 1U << 30;
+  static constexpr std::size_t largestNode = slabSize / 16;  // larger ones are allocated alone
+
+  void* allocateElsewhere(std::size_t bytes, std::uint16_t& slabOffset);
+  void close() noexcept;
+
+  std::size_t expected_;
+  char* slab_ = nullptr;
+  char* next_ = nullptr;
+  std::size_t left_ = 0;
+  std::uint32_t made_ = 0;
+};
+
+/// What waits to be freed while values are dropped: containers, so that depth costs no stack, and nodes of one slab
+/// that are counted out together.
+struct Doomed {
+  struct ContainerNode* containers = nullptr;
+  Slab* slab = nullptr;
+  std::uint32_t slabNodes = 0;
 };
 
 /// A string longer than the handle holds, or data. The bytes follow the node in the same allocation.
@@ -23,6 +77,8 @@ struct BytesNode : Node {
   std::size_t length = 0;
   char* bytes() noexcept { return reinterpret_cast<char*>(this + 1); }
 };
+
+static_assert(sizeof(BytesNode) == 16 && sizeof(std::size_t) == 8, "PlistValue reads the length and the bytes itself");
 
 /// What arrays and dictionaries share. Members live behind `members`: in the node's own allocation when the node was
 /// made at its final size, elsewhere once it has grown.
@@ -45,18 +101,15 @@ struct DictionaryNode : ContainerNode {
 };
 
 /// Makes values in bulk, without a write at a time.
-class OSTREL_EXPORT PlistStorage {
+class PlistStorage {
  public:
-  /// A string of `length` bytes, longer than the handle holds, that the caller fills before the value is shared.
-  /// Requires: length > inlineCapacity.
-  static PlistValue allocateString(std::size_t length, char*& bytes);
   /// A data value of `length` bytes that the caller fills before the value is shared.
   static PlistValue allocateData(std::size_t length, char*& bytes);
   /// Cuts the unused end off a data value that nobody else holds yet.
   static void shrinkData(PlistValue& data, std::size_t length) noexcept;
   /// A string of any length.
-  static PlistValue makeString(std::string_view text) {
-    if (text.size() > inlineCapacity) return makeLongString(text);
+  static PlistValue makeString(std::string_view text, PlistArena* arena = nullptr) {
+    if (text.size() > inlineCapacity) return adopt(newBytes(text, arena), PlistValue::Tag::string);
     PlistValue made;
     if (!text.empty()) std::memcpy(static_cast<void*>(&made.cell_), text.data(), text.size());
     made.cell_.length = static_cast<std::uint8_t>(text.size());
@@ -83,8 +136,9 @@ class OSTREL_EXPORT PlistStorage {
 
   /// A container of exactly these members, which are moved from in either case; what they leave need not be destroyed.
   /// `makeDictionary` takes keys (strings all) and values in turn, and gives null when two keys are equal.
-  static PlistValue makeArray(PlistValue* members, std::size_t count, bool isMutable);
-  static PlistValue makeDictionary(PlistValue* keysAndValues, std::size_t count, bool isMutable, Keys keys);
+  static PlistValue makeArray(PlistValue* members, std::size_t count, bool isMutable, PlistArena& arena);
+  static PlistValue makeDictionary(PlistValue* keysAndValues, std::size_t count, bool isMutable, Keys keys,
+                                   PlistArena& arena);
 
   /// Another handle on a value that only this thread can reach, without an atomic step.
   static PlistValue shareUnpublished(const PlistValue& value) noexcept {
@@ -96,16 +150,31 @@ class OSTREL_EXPORT PlistStorage {
   static void markPlainKeys(PlistValue& dictionaryValue) noexcept { dictionaryValue.node()->hasPlainKeys = true; }
   static bool hasPlainKeys(const PlistValue& dictionaryValue) noexcept { return dictionaryValue.node()->hasPlainKeys; }
 
+  /// Text longer than the handle holds, or data, by its node; and one more handle on it, as `shareUnpublished`.
+  static PlistValue makeBytes(std::string_view bytes, bool isData, PlistArena& arena, BytesNode*& made) {
+    made = newBytes(bytes, &arena);
+    return adopt(made, isData ? PlistValue::Tag::data : PlistValue::Tag::string);
+  }
+  static PlistValue shareUnpublished(BytesNode* node, bool isData) noexcept {
+    ++node->references;
+    return adopt(node, isData ? PlistValue::Tag::data : PlistValue::Tag::string);
+  }
+
   static constexpr std::size_t inlineCapacity = PlistValue::inlineCapacity;
 
  private:
   friend class ostrel::PlistValue;
 
-  static PlistValue makeLongString(std::string_view text);
-  static PlistValue adopt(Node* node, PlistValue::Tag tag) noexcept;
+  static PlistValue adopt(Node* node, PlistValue::Tag tag) noexcept {
+    PlistValue value;
+    value.cell_.bits = reinterpret_cast<std::uintptr_t>(node);
+    value.cell_.tag = tag;
+    return value;
+  }
   static BytesNode* newBytes(std::size_t length);
-  static ArrayNode* newArray(std::size_t capacity, bool isMutable);
-  static DictionaryNode* newDictionary(std::size_t capacity, bool isMutable);
+  static BytesNode* newBytes(std::string_view bytes, PlistArena* arena);
+  static ArrayNode* newArray(std::size_t capacity, bool isMutable, PlistArena* arena = nullptr);
+  static DictionaryNode* newDictionary(std::size_t capacity, bool isMutable, PlistArena* arena = nullptr);
   static ArrayNode* array(const PlistValue& value) noexcept;
   static DictionaryNode* dictionary(const PlistValue& value) noexcept;
 
@@ -116,11 +185,12 @@ class OSTREL_EXPORT PlistStorage {
   static std::size_t position(const DictionaryNode* node, std::string_view key) noexcept;
   static void appendEntry(DictionaryNode* node, PlistValue key, PlistValue value);
 
-  /// Frees a chain of containers that nobody holds any more, and what only they held.
-  static void destroy(ContainerNode* doomed) noexcept;
-  static void dropMembers(ContainerNode* node, ContainerNode*& doomed) noexcept;
-  static void drop(PlistValue& member, ContainerNode*& doomed) noexcept;
-  static void freeContainer(ContainerNode* node) noexcept;
+  /// Frees what nobody holds any more, and what only that held.
+  static void destroy(Doomed& doomed) noexcept;
+  static void dropMembers(ContainerNode* node, Doomed& doomed) noexcept;
+  static void drop(PlistValue& member, Doomed& doomed) noexcept;
+  static void freeNode(Node* node, Doomed& doomed) noexcept;
+  static void freeContainer(ContainerNode* node, Doomed& doomed) noexcept;
 };
 
 }  // namespace ostrel::detail
