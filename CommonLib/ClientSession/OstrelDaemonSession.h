@@ -129,7 +129,7 @@ class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<Os
   /// areMultithreadedTransactionsDisabledForHost: what was set last.
   static bool areMultithreadedTransactionsDisabledForHost(const Text& host);
 
-  // ---- the synchronous interface ------------------------------------------------------------------------------
+  // ---- the synchronous interface (OstrelDaemonSessionSyncMethods) -------------------------------------------------
 
   /// sendSyncRequest:withURLPrefix:withPayloadType: (also `sendSyncRequest:` and `sendSyncRequest:withURLPrefix:`)
   /// sends `request` (dictionary, data or null) to the session's module, or to the URL `URLPrefix` when that is given,
