@@ -35,6 +35,16 @@ std::size_t countValues(const PlistValue& value, std::size_t limit, std::size_t 
   return count;
 }
 
+/// The size of the objects, if nothing is stored once.
+std::size_t estimate(const PlistValue& value, std::size_t depth = 0) {
+  constexpr std::size_t object = 10;  // a marker with its count, a reference, an offset
+  if (depth > maximumPlistDepth) return 0;
+  std::size_t size = object + value.stringValue().size() + value.dataBytes().size();
+  for (const PlistEntry& entry : value.entries()) size += 4 + estimate(entry.value, depth + 1);
+  for (const PlistValue& element : value.elements()) size += estimate(element, depth + 1);
+  return size;
+}
+
 /// Leaves are stored once and each container after its members, so that one pass is enough: references are known when
 /// they are written. Equal leaves are found in a table in which a new leaf takes the place of an older one that has
 /// the same hash: constant time a leaf whatever the leaves are, at the price of a second copy now and then.
@@ -46,6 +56,7 @@ class BinaryWriter {
     offsets_.reserve(count);
     referenceSize_ = count <= 0x100 ? 1 : count <= manyValues ? 2 : 4;
     known_.resize(std::clamp<std::size_t>(std::bit_ceil(count * 2), 64, 8192));
+    out_.expectFrom(value, [](const PlistValue& whole) { return estimate(whole); });
     out_.append(magic);
     Reference root = 0;
     if (!writeValue(value, 0, root)) return std::nullopt;

@@ -28,7 +28,10 @@ inline constexpr std::size_t maximumPlistDepth = 512;
 /// Reads a whole property list. Bytes that begin "bplist00" are read as binary, all others as XML.
 /// Null when they are not one property list from the first byte to the last: there is never a partial value. When
 /// `error` is given it says what is wrong and where; it is left alone on success.
-/// All readers: bounded depth, time and memory linear in the input, safe from any thread.
+/// All readers: bounded depth, time and memory linear in the input, safe from any thread. They are strict: a key that
+/// appears twice, an unknown element, text outside elements, a number out of range, an impossible date, unpadded
+/// base64, invalid UTF-8 and a document without <plist> are refused. docs/property-lists.md lists every such decision.
+/// Values of one document share memory: one leaf kept for long keeps at most 64 KB of it from being freed.
 OSTREL_EXPORT PlistValue readPropertyList(std::string_view bytes, PlistForm form = PlistForm::immutableContainers,
                                           PlistError* error = nullptr);
 OSTREL_EXPORT PlistValue readXmlPropertyList(std::string_view bytes, PlistForm form = PlistForm::immutableContainers,
@@ -47,7 +50,8 @@ OSTREL_EXPORT PlistValue readStringsFile(std::string_view bytes, PlistForm form 
 OSTREL_EXPORT std::optional<std::string> writeXmlPropertyList(const PlistValue& value);
 
 /// Writes a value as a binary property list. Nothing when it cannot be represented: null, nesting beyond
-/// `maximumPlistDepth`, text that is not valid UTF-8.
+/// `maximumPlistDepth`, text that is not valid UTF-8, a date that is not a finite number. Every kind of value comes
+/// back as what it was; dates near 1970 to a ten-millionth of a second, since the format counts from 2001.
 OSTREL_EXPORT std::optional<std::string> writeBinaryPropertyList(const PlistValue& value);
 
 }  // namespace ostrel

@@ -334,7 +334,12 @@ bool XmlReader::readLeaf(Element element, bool isEmpty) {
 bool XmlReader::readString() {
   std::string_view content;
   if (!readContent("string", content)) return false;
-  scratch_.pushString(content);
+  constexpr std::ptrdiff_t width = 16;  // short text of the input is taken by two loads
+  if (content.size() <= PlistStorage::inlineCapacity && isVerbatim(content) && end_ - content.data() >= width) {
+    scratch_.push(PlistStorage::makeShortString(content.data(), content.size()));
+  } else {
+    scratch_.pushString(content);
+  }
   return true;
 }
 

@@ -7,6 +7,7 @@
 #include "Containers/Internal/LeafText.h"
 #include "Containers/Internal/OutputBuffer.h"
 #include "Containers/Internal/PlistStorage.h"
+#include "Containers/Internal/XmlScanner.h"
 #include "Containers/PropertyList.h"
 #include "Containers/Utf8.h"
 
@@ -14,10 +15,7 @@ namespace ostrel {
 namespace detail {
 namespace {
 
-constexpr std::string_view header =
-    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-    "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-    "<plist version=\"1.0\">\n";
+constexpr std::string_view rootTag = "<plist version=\"1.0\">\n";
 constexpr std::string_view footer = "</plist>\n";
 
 // Characters are written through plain pointers into room that was reserved for the worst case.
@@ -98,8 +96,10 @@ char* putEscaped(char* out, const char*& at, const char* limit, const char* end)
 class XmlWriter {
  public:
   std::optional<std::string> writeDocument(const PlistValue& value) {
-    out_.expectFrom(value, [](const PlistValue& root) { return header.size() + estimate(root, 0); });
-    out_.append(header);
+    out_.expectFrom(value,
+                    [](const PlistValue& root) { return sizeof standardProlog + rootTag.size() + estimate(root, 0); });
+    out_.append(standardProlog);
+    out_.append(rootTag);
     if (!writeValue(value, 0)) return std::nullopt;
     out_.append(footer);
     return out_.finish();

@@ -211,9 +211,13 @@ bool XmlScanner::readQuoted(std::string_view& value) {
 // -----------------------------------------------------------------------------------------------
 
 bool XmlScanner::readProlog() {
-  if (isAt("<?xml") && end_ - at_ > 5 && isXmlSpace(at_[5]) && !readDeclaration()) return false;
-  if (!readMisc()) return false;
-  if (isAt("<!DOCTYPE") && !(readDocumentType() && readMisc())) return false;
+  if (encoding_ == TextInput::Encoding::utf8 && take(standardProlog)) {
+    if (!readMisc()) return false;
+  } else {
+    if (isAt("<?xml") && end_ - at_ > 5 && isXmlSpace(at_[5]) && !readDeclaration()) return false;
+    if (!readMisc()) return false;
+    if (isAt("<!DOCTYPE") && !(readDocumentType() && readMisc())) return false;
+  }
   if (at_ == end_) return fail("the document holds no element");
   return *at_ == '<' || fail("text outside the document's element");
 }

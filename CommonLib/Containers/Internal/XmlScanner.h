@@ -10,6 +10,11 @@
 
 namespace ostrel::detail {
 
+/// What our writer and most others put before the element.
+inline constexpr char standardProlog[] =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+    "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n";
+
 /// Walks once over UTF-8 text. Every operation moves past what it read and answers true, or keeps the first fault and
 /// answers false; after a fault the scanner must not be asked for more.
 class XmlScanner {
