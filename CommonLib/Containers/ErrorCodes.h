@@ -16,6 +16,8 @@ inline constexpr const char* fileNotFound = "FILE_NOT_FOUND_ERR";
 inline constexpr const char* cannotSeek = "CANNOT_FSEEK_ERR";
 inline constexpr const char* cannotRead = "CANNOT_FREAD_ERR";
 inline constexpr const char* cannotAllocate = "CANNOT_MALLOC_ERR";
+inline constexpr const char* cannotGetHistory = "CANNOT_GET_HISTORY_ERR";
+inline constexpr const char* cannotMakeHistory = "CANNOT_MAKE_HISTORY_ERR";
 inline constexpr const char* illegalPathRequested = "ILLEGAL_PATH_REQUESTED";
 inline constexpr const char* illegalLogIdentifierRequested = "ILLEGAL_LOG_IDENTIFIER_REQUESTED";
 

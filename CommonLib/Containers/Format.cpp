@@ -9,7 +9,7 @@ namespace ostrel {
 namespace {
 
 /// What stands between "%" and the conversion letter.
-struct Specification {
+struct ConversionOptions {
   bool leftAligned = false;
   bool zeroPadded = false;
   bool plus = false;
@@ -29,54 +29,54 @@ std::size_t parseNumber(std::string_view format, std::size_t& at) {
   return number;
 }
 
-Specification parseSpecification(std::string_view format, std::size_t& at) {
-  Specification spec;
+ConversionOptions parseOptions(std::string_view format, std::size_t& at) {
+  ConversionOptions options;
   for (; at < format.size(); ++at) {
     if (format[at] == '-')
-      spec.leftAligned = true;
+      options.leftAligned = true;
     else if (format[at] == '0')
-      spec.zeroPadded = true;
+      options.zeroPadded = true;
     else if (format[at] == '+')
-      spec.plus = true;
+      options.plus = true;
     else if (format[at] == ' ')
-      spec.space = true;
+      options.space = true;
     else if (format[at] == '#')
-      spec.alternate = true;
+      options.alternate = true;
     else
       break;
   }
-  spec.width = parseNumber(format, at);
+  options.width = parseNumber(format, at);
   if (at < format.size() && format[at] == '.') {
     ++at;
-    spec.precision = static_cast<int>(parseNumber(format, at));
+    options.precision = static_cast<int>(parseNumber(format, at));
   }
   while (at < format.size() && std::string_view("hlqjzt").find(format[at]) != std::string_view::npos) ++at;
-  return spec;
+  return options;
 }
 
 /// Appends `sign` and `body` in the wished width. Zeros go between the two, as printf puts them.
-void appendPadded(std::string& out, const Specification& spec, std::string_view sign, std::string_view body,
+void appendPadded(std::string& out, const ConversionOptions& options, std::string_view sign, std::string_view body,
                   bool numeric) {
   const std::size_t length = sign.size() + body.size();
-  const std::size_t padding = spec.width > length ? spec.width - length : 0;
-  const bool zeros = numeric && spec.zeroPadded && !spec.leftAligned;
-  if (!spec.leftAligned && !zeros) out.append(padding, ' ');
+  const std::size_t padding = options.width > length ? options.width - length : 0;
+  const bool zeros = numeric && options.zeroPadded && !options.leftAligned;
+  if (!options.leftAligned && !zeros) out.append(padding, ' ');
   out += sign;
   if (zeros) out.append(padding, '0');
   out += body;
-  if (spec.leftAligned) out.append(padding, ' ');
+  if (options.leftAligned) out.append(padding, ' ');
 }
 
-std::string_view signOf(const Specification& spec, bool negative) {
+std::string_view signOf(const ConversionOptions& options, bool negative) {
   if (negative) return "-";
-  if (spec.plus) return "+";
-  return spec.space ? " " : "";
+  if (options.plus) return "+";
+  return options.space ? " " : "";
 }
 
-void appendInteger(std::string& out, Specification spec, char conversion, const FormatArgument& argument) {
+void appendInteger(std::string& out, ConversionOptions options, char conversion, const FormatArgument& argument) {
   if (conversion == 'c') {
     const char character = static_cast<char>(argument.bits);
-    return appendPadded(out, spec, "", std::string_view(&character, 1), false);
+    return appendPadded(out, options, "", std::string_view(&character, 1), false);
   }
   const bool decimal = conversion == 'd' || conversion == 'i' || conversion == 'u';
   std::uint64_t bits = argument.bits;
@@ -87,45 +87,46 @@ void appendInteger(std::string& out, Specification spec, char conversion, const 
   std::string body(digits, std::to_chars(digits, digits + sizeof digits, bits, base).ptr);
   if (conversion == 'X')
     std::ranges::transform(body, body.begin(), [](char c) { return c >= 'a' ? static_cast<char>(c - 32) : c; });
-  if (spec.precision >= 0) {
-    spec.zeroPadded = false;
-    if (body.size() < static_cast<std::size_t>(spec.precision))
-      body.insert(0, static_cast<std::size_t>(spec.precision) - body.size(), '0');
+  if (options.precision >= 0) {
+    options.zeroPadded = false;
+    if (body.size() < static_cast<std::size_t>(options.precision))
+      body.insert(0, static_cast<std::size_t>(options.precision) - body.size(), '0');
   }
-  std::string sign(decimal ? signOf(spec, argument.negative) : "");
-  if (spec.alternate && base == 16 && bits != 0) sign += conversion == 'x' ? "0x" : "0X";
-  if (spec.alternate && base == 8 && body.front() != '0') sign += '0';
-  appendPadded(out, spec, sign, body, true);
+  std::string sign(decimal ? signOf(options, argument.negative) : "");
+  if (options.alternate && base == 16 && bits != 0) sign += conversion == 'x' ? "0x" : "0X";
+  if (options.alternate && base == 8 && body.front() != '0') sign += '0';
+  appendPadded(out, options, sign, body, true);
 }
 
-void appendReal(std::string& out, const Specification& spec, char conversion, double real) {
+void appendReal(std::string& out, const ConversionOptions& options, char conversion, double real) {
   const bool upper = conversion < 'a';
   const char lower = upper ? static_cast<char>(conversion + 32) : conversion;
   const auto style = lower == 'e'   ? std::chars_format::scientific
                      : lower == 'f' ? std::chars_format::fixed
                                     : std::chars_format::general;
-  const int precision = spec.precision < 0 ? 6 : spec.precision;
+  const int precision = options.precision < 0 ? 6 : options.precision;
   std::string body(400 + static_cast<std::size_t>(precision), '\0');
   body.resize(static_cast<std::size_t>(
       std::to_chars(body.data(), body.data() + body.size(), std::fabs(real), style, precision).ptr - body.data()));
   if (upper)
     std::ranges::transform(body, body.begin(),
                            [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; });
-  appendPadded(out, spec, signOf(spec, std::signbit(real)), body, std::isfinite(real));
+  appendPadded(out, options, signOf(options, std::signbit(real)), body, std::isfinite(real));
 }
 
-bool appendArgument(std::string& out, const Specification& spec, char conversion, const FormatArgument& argument) {
+bool appendArgument(std::string& out, const ConversionOptions& options, char conversion,
+                    const FormatArgument& argument) {
   using Kind = FormatArgument::Kind;
   const auto isOneOf = [conversion](std::string_view set) { return set.find(conversion) != std::string_view::npos; };
   if (argument.kind == Kind::integer && isOneOf("diuxXoc")) {
-    appendInteger(out, spec, conversion, argument);
+    appendInteger(out, options, conversion, argument);
   } else if (argument.kind == Kind::real && isOneOf("eEfFgG")) {
-    appendReal(out, spec, conversion, argument.real);
+    appendReal(out, options, conversion, argument.real);
   } else if (argument.kind == Kind::text && isOneOf("s@")) {
-    const std::size_t most = spec.precision < 0 ? argument.text.size() : static_cast<std::size_t>(spec.precision);
-    appendPadded(out, spec, "", argument.text.substr(0, most), false);
+    const std::size_t most = options.precision < 0 ? argument.text.size() : static_cast<std::size_t>(options.precision);
+    appendPadded(out, options, "", argument.text.substr(0, most), false);
   } else if (argument.kind == Kind::value && conversion == '@') {
-    appendPadded(out, spec, "", argument.value->description(), false);
+    appendPadded(out, options, "", argument.value->description(), false);
   } else {
     return false;
   }
@@ -147,9 +148,9 @@ std::string formatArguments(std::string_view format, std::span<const FormatArgum
       out += format[at++];
       continue;
     }
-    const Specification spec = parseSpecification(format, at);
+    const ConversionOptions options = parseOptions(format, at);
     const bool formatted =
-        at < format.size() && used < arguments.size() && appendArgument(out, spec, format[at], arguments[used]);
+        at < format.size() && used < arguments.size() && appendArgument(out, options, format[at], arguments[used]);
     if (at < format.size()) ++at;
     if (!formatted) out += format.substr(percent, at - percent);
     ++used;
