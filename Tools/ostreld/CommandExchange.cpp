@@ -68,7 +68,7 @@ void CommandExchange::judge(const RequestHead& head) {
   if (head.contentLength) body_.reserve(static_cast<std::size_t>(*head.contentLength));
 }
 
-void CommandExchange::refuse(int status, std::string reason) {
+void CommandExchange::refuse(int status, const char* reason) {
   Reply reply;
   reply.status = status;
   reply.contentType = "text/plain; charset=utf-8";

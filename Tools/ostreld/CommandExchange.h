@@ -64,7 +64,7 @@ class CommandExchange {
 
  private:
   void judge(const RequestHead& head);
-  void refuse(int status, std::string reason);
+  void refuse(int status, const char* reason);
   void decodeBody();
   Reply answer();
   PlistValue runCommand(const PlistValue& request);

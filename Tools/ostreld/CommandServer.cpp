@@ -56,7 +56,7 @@ class SessionTicketKey {
 
 std::string faultOfListening(const SocketAddress& address, int error) {
   const std::string where = addressAndPort(address);
-  const std::string what = format("cannot listen on %s: %s", where, std::strerror(error));
+  std::string what = format("cannot listen on %s: %s", where, std::strerror(error));
   switch (error) {
     case EACCES:
       return what + "; ports below 1024 need root or the capability CAP_NET_BIND_SERVICE: choose another with --port";
