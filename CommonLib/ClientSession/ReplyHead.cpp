@@ -1,25 +1,11 @@
 #include "ClientSession/ReplyHead.h"
 
-#include <climits>
-
 #include "ClientSession/Internal/HeaderText.h"
+#include "Containers/LeadingInteger.h"
 #include "Containers/Utf8.h"
 
 namespace ostrel {
 namespace {
-
-/// The leading decimal integer of a word, held to the range of int; 0 when there is none.
-int integerValue(std::string_view word) {
-  const bool negative = word.starts_with('-');
-  if (negative || word.starts_with('+')) word.remove_prefix(1);
-  long long value = 0;
-  for (const char digit : word) {
-    if (digit < '0' || digit > '9') break;
-    value = value * 10 + (digit - '0');
-    if (value > INT_MAX) return negative ? INT_MIN : INT_MAX;
-  }
-  return static_cast<int>(negative ? -value : value);
-}
 
 void scanLine(std::string_view line, ReplyHead& head) {
   const std::size_t space = line.find(' ');
@@ -27,7 +13,7 @@ void scanLine(std::string_view line, ReplyHead& head) {
   const std::string_view rest = line.substr(space + 1);
   const std::string_view secondWord = rest.substr(0, rest.find(' '));
   if (line.starts_with("HTTP/")) {
-    head.status = integerValue(secondWord);
+    head.status = leadingInt(secondWord);
   } else if (line.starts_with("OstrelSessionID") && fitsHeaderLine(secondWord)) {
     head.sessionID = secondWord;
   }

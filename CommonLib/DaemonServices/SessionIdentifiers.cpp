@@ -5,14 +5,15 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <exception>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Containers/Format.h"
+#include "Containers/LeadingInteger.h"
 #include "Containers/PropertyList.h"
 #include "Containers/Utf8.h"
 #include "DaemonServices/Internal/RegularFile.h"
@@ -130,15 +131,6 @@ PlistValue textOfFile(const std::string& path, detail::FinalLink link, std::size
   return bytes ? PlistValue::stringFromUTF8(*bytes) : PlistValue();
 }
 
-/// The integer at the start of `text`, as scanf's %d takes it; nothing also when it does not fit.
-std::optional<int> leadingInteger(std::string_view text) {
-  text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
-  if (text.starts_with('+') && !text.starts_with("+-")) text.remove_prefix(1);
-  int number = 0;
-  const auto scanned = std::from_chars(text.data(), text.data() + text.size(), number);
-  return scanned.ec == std::errc() ? std::optional(number) : std::nullopt;
-}
-
 }  // namespace
 
 PlistValue generate_unprivileged_session_id(const PlistValue& extension) {
@@ -219,8 +211,9 @@ int pid_from_file(const std::string& path) {
   const PlistValue text = textOfFile(path, detail::FinalLink::followed, largestPidFile);
   if (text.isNull()) return -1;
   const auto number = leadingInteger(text.stringValue());
-  if (!number) logNotice("[%d] error in pid_from_file: file %s doesn't contain a pid\n", processId(), path);
-  return number.value_or(0);
+  if (number && std::in_range<int>(*number)) return static_cast<int>(*number);
+  logNotice("[%d] error in pid_from_file: file %s doesn't contain a pid\n", processId(), path);
+  return 0;
 }
 
 }  // namespace ostrel

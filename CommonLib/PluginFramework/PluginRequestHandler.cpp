@@ -2,14 +2,13 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstdint>
-#include <limits>
 #include <typeindex>
 #include <unordered_map>
 #include <utility>
 
 #include "Containers/ErrorCodes.h"
+#include "Containers/LeadingInteger.h"
 #include "DaemonServices/LogTail.h"
 #include "Network/NetworkChangeContext.h"
 #include "Platform/NotificationCenter.h"
@@ -40,18 +39,6 @@ std::unordered_map<std::type_index, RequestState>& statesByClass() {
 RequestState* findState(const PluginRequestHandler& handler) {
   const auto found = statesByClass().find(typeid(handler));
   return found == statesByClass().end() ? nullptr : &found->second;
-}
-
-/// Decimal digits after white space and a sign; what follows them is ignored. Beyond an int: its nearest end.
-int leadingInteger(std::string_view text) {
-  text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
-  const bool negative = text.starts_with('-');
-  if (text.starts_with('+')) text.remove_prefix(1);
-  int value = 0;
-  const auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (fault == std::errc::result_out_of_range)
-    return negative ? std::numeric_limits<int>::min() : std::numeric_limits<int>::max();
-  return value;
 }
 
 const OperationTable& baseOperations() {
@@ -133,7 +120,7 @@ int PluginRequestHandler::doProcessArgsWithArgc(int argc, const char* const* arg
   int result = 0;
   storeContext(context, nullptr, lockFileFD);
   try {
-    if (argc == 3 && std::string_view(argv[1]) == "idle") result = doIdleAtCount(leadingInteger(argv[2]));
+    if (argc == 3 && std::string_view(argv[1]) == "idle") result = doIdleAtCount(leadingInt(argv[2]));
   } catch (...) {
     if (const RequestState* state = findState(*this)) *lockFileFD = state->lockFileFD;
     throw;
