@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
@@ -46,7 +47,7 @@ std::string numericText(const SocketAddress& address) {
   return found ? found->host : std::string();
 }
 
-// The description of one address; null when its numeric text is no text.
+// The description of one address; null when its numeric text, or its interface's name, is no UTF-8.
 PlistValue describe(const InterfaceAddress& entry, bool resolve, const PlistValue& zeroConfName) {
   const PlistValue address = PlistValue::stringFromUTF8(numericText(entry.address));
   const PlistValue name = PlistValue::stringFromUTF8(entry.name);
@@ -115,7 +116,7 @@ bool is_ipv4_address(const PlistValue& text) { return SocketAddress::ipv4(text.s
 
 bool is_ipv6_address(const PlistValue& text) { return SocketAddress::ipv6(text.stringValue()).has_value(); }
 
-PlistValue first_ipv4_address_of_host(const PlistValue& host) {
+PlistValue first_ipv4_address_of_host(const PlistValue& host) try {
   if (is_ipv4_address(host)) return host;
   if (!host.isString()) return {};
   const auto resolution = NameResolver::current().resolve(std::string(host.stringValue()), "", AddressFamily::any);
@@ -124,6 +125,8 @@ PlistValue first_ipv4_address_of_host(const PlistValue& host) {
     if (is_ipv4_address(text)) return text;
   }
   return {};
+} catch (const std::exception&) {
+  return {};  // a lookup that raises finds nothing
 }
 
 PlistValue get_host_ips() {

@@ -15,7 +15,7 @@
 
 namespace ostrel {
 
-// Threads: every function may be called from any thread. Nothing is thrown.
+// Threads: every function may be called from any thread. Nothing is thrown except std::bad_alloc.
 extern "C" {
 
 /// Whether a text parses as a dotted IPv4 address, as an IPv6 address (inet_pton(3)). False for anything but a string.
@@ -23,7 +23,8 @@ OSTREL_EXPORT bool is_ipv4_address(const PlistValue& text);
 OSTREL_EXPORT bool is_ipv6_address(const PlistValue& text);
 
 /// The host itself when it is an IPv4 address (nothing is looked up); else the first of its addresses, in the
-/// resolver's order, that is one. Null when there is none or the host is no string. May block on the resolver.
+/// resolver's order, that is one. Null when there is none, the host is no string or the lookup fails. May block on the
+/// resolver.
 OSTREL_EXPORT PlistValue first_ipv4_address_of_host(const PlistValue& host);
 
 /// The dotted IPv4 addresses of all interfaces whose name does not begin with "lo", in the system's order: an immutable
@@ -31,7 +32,8 @@ OSTREL_EXPORT PlistValue first_ipv4_address_of_host(const PlistValue& host);
 OSTREL_EXPORT PlistValue get_host_ips();
 
 /// Describes every IPv4 and IPv6 address of the machine, in the system's order, without interfaces whose name begins
-/// with "lo" and without IPv6 link-local addresses: an immutable array of dictionaries, one an address:
+/// with "lo", without IPv6 link-local addresses, and without addresses whose text or interface name is no UTF-8: an
+/// immutable array of dictionaries, one an address:
 ///
 ///   "name"                    interface, for example "eth0"
 ///   "family"                  "AF_INET" or "AF_INET6"

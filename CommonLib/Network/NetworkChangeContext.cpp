@@ -33,6 +33,11 @@ PlistValue stateOf(std::string_view address, const PlistValue& host) {
       {{"name", "en0"}, {"family", "AF_INET"}, {addressKey, PlistValue(address)}, {hostKey, host}})});
 }
 
+// A key that is no string finds nothing; it is not taken for "".
+PlistValue member(const PlistValue& dictionary, const PlistValue& key) {
+  return key.isString() ? dictionary.get(key.stringValue()) : PlistValue();
+}
+
 }  // namespace
 
 std::shared_ptr<NetworkChangeContext> NetworkChangeContext::networkChangeContextWithNotification(
@@ -105,7 +110,7 @@ void NetworkChangeContext::setChangeInfoFromChangeIPRequest(const PlistValue& re
 
 PlistValue NetworkChangeContext::findItemState(const PlistValue& state, const PlistValue& interface) const {
   if (!interface.isString()) return {};
-  const PlistValue descriptions = changeInfo().get(state.stringValue());
+  const PlistValue descriptions = member(changeInfo(), state);
   for (const PlistValue& description : descriptions.elements()) {
     if (description.get("name") == interface) return description;
   }
@@ -114,12 +119,12 @@ PlistValue NetworkChangeContext::findItemState(const PlistValue& state, const Pl
 
 PlistValue NetworkChangeContext::getSetting(const PlistValue& key, const PlistValue& state,
                                             const PlistValue& interface) const {
-  return findItemState(state, interface).get(key.stringValue());
+  return member(findItemState(state, interface), key);
 }
 
 PlistValue NetworkChangeContext::allInterfacesForState(const PlistValue& state) const {
   PlistValue names = PlistValue::mutableArray();
-  const PlistValue descriptions = changeInfo().get(state.stringValue());
+  const PlistValue descriptions = member(changeInfo(), state);
   for (const PlistValue& description : descriptions.elements()) {
     const PlistValue name = description.get("name");
     if (name.isString()) names.append(name);

@@ -16,8 +16,9 @@ namespace ostrel {
 /// InterfaceInfo.h; "name", "ipAddress" and "dnsName" are read here), and "changes".
 ///
 /// States are "oldState" or "newState"; keys, states, interfaces, hosts and addresses are string values, and an
-/// absent or wrongly typed one finds nothing. Absent answers are null values. The description is foreign: members of
-/// the wrong type count as absent.
+/// absent or wrongly typed one finds nothing. Absent answers are null values. The description is foreign: a state that
+/// is no array, and a name that is no string, count as absent; an address that is no string is none; what `getSetting`
+/// and the operations on it answer is of whatever type it was given as.
 ///
 /// Checks leave an explanation in `resultMessage`, which each check clears first.
 ///

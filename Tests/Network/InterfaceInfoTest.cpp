@@ -61,7 +61,9 @@ TEST_F(InterfaceInfoTest, TheFirstIPv4AddressOfAHostKeepsTheResolversOrder) {
   EXPECT_EQ(first_ipv4_address_of_host("10.0.0.1"), PlistValue("10.0.0.1"));
   EXPECT_EQ(resolver_.lookups, 0) << "an address is not looked up";
   EXPECT_EQ(first_ipv4_address_of_host("mixed"), PlistValue("10.0.0.9"));
-  for (const PlistValue& none : {PlistValue("six"), PlistValue("unknown"), PlistValue(""), PlistValue(), PlistValue(5)})
+  resolver_.raising = {"raising"};
+  for (const PlistValue& none :
+       {PlistValue("six"), PlistValue("unknown"), PlistValue("raising"), PlistValue(""), PlistValue(), PlistValue(5)})
     EXPECT_TRUE(first_ipv4_address_of_host(none).isNull()) << none.description();
 }
 

@@ -165,6 +165,20 @@ TEST(NetworkChangeContext, LookupsFollowTheOrderOfTheDescriptions) {
   EXPECT_FALSE(context->hasSettingChanged("family", "en0")) << "absent in both";
 }
 
+// A dictionary may have the key "", which no absent or wrongly typed state or key asks for.
+TEST(NetworkChangeContext, WhatIsNoKeyFindsNoEmptyKey) {
+  const PlistValue state = PlistValue::arrayOf({PlistValue::dictionaryOf({{"name", "en0"}, {"", "hidden"}})});
+  Context context(PlistValue(), 0);
+  context.setChangeInfo(PlistValue::dictionaryOf({{"", state}, {"newState", state}}));
+  for (const PlistValue& none : {PlistValue(), PlistValue(5), state}) {
+    EXPECT_TRUE(context.findItemState(none, "en0").isNull());
+    EXPECT_EQ(context.allInterfacesForState(none).count(), 0U);
+    EXPECT_TRUE(context.getSetting(none, "newState", "en0").isNull());
+    EXPECT_FALSE(context.hasSettingChanged(none, "en0"));
+  }
+  EXPECT_EQ(context.getSetting("", "newState", "en0"), PlistValue("hidden"));
+}
+
 // Every interface is checked, so the last one's message stands, also when an earlier one was valid.
 TEST(NetworkChangeContext, TheMessageIsTheLastInterfaces) {
   const PlistValue good = description("en0", "10.0.0.1");

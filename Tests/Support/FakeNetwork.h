@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -44,12 +45,14 @@ class FakeResolver final : public NameResolver {
  public:
   std::map<std::string, std::vector<std::string>> hosts;  ///< name to addresses, in the resolver's order
   std::map<std::string, HostAndService> names;            ///< numeric address to what a reverse lookup finds
+  std::set<std::string> raising;                          ///< hosts whose lookup throws
   std::set<std::string> unrenderable;                     ///< numeric addresses that cannot be rendered
   std::set<std::string> garbled;                          ///< numeric addresses that render as no UTF-8
   int lookups = 0;                                        ///< questions beyond numeric ones
 
   Resolution resolve(const std::string& host, const std::string& service, AddressFamily family) override {
     ++lookups;
+    if (raising.contains(host)) throw std::runtime_error("lookup of " + host);
     Resolution outcome;
     std::vector<std::string> texts{host};
     if (const auto found = hosts.find(host); found != hosts.end()) texts = found->second;
