@@ -12,36 +12,13 @@
 #include <memory>
 
 #include "Containers/Format.h"
+#include "Platform/Internal/PathParts.h"
 #include "Platform/Internal/SystemCalls.h"
 
 namespace ostrel {
 namespace {
 
 constexpr mode_t permissionBits = 07777;
-
-struct PathParts {
-  std::string folder;  // never empty
-  std::string name;
-};
-
-PathParts split(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return {".", path};
-  return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
-}
-
-std::optional<std::string> readLink(const std::string& path) {
-  std::string target(256, '\0');
-  for (;;) {
-    const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
-    if (length < 0) return std::nullopt;
-    if (static_cast<std::size_t>(length) < target.size()) {
-      target.resize(static_cast<std::size_t>(length));
-      return target;
-    }
-    target.resize(target.size() * 2);
-  }
-}
 
 // Where the links at the end of a path lead, though nothing need be there; absent with ELOOP after too many.
 std::optional<std::string> followLinks(std::string path) {
@@ -52,7 +29,7 @@ std::optional<std::string> followLinks(std::string path) {
     if (!S_ISLNK(status->mode)) return path;
     const auto target = readLink(path);
     if (!target) return std::nullopt;
-    path = target->starts_with('/') ? *target : split(path).folder + "/" + *target;
+    path = target->starts_with('/') ? *target : detail::splitPath(path).folder + "/" + *target;
   }
   errno = ELOOP;
   return std::nullopt;
@@ -136,7 +113,10 @@ bool findTarget(int folder, const std::string& name, Target& target) {
   if (!status) return false;
   target.status = *status;
   if (status->isRegularFile()) return true;
-  errno = status->isDirectory() ? EISDIR : EINVAL;
+  if (status->isDirectory())
+    errno = EISDIR;
+  else
+    errno = S_ISLNK(status->mode) ? ELOOP : EINVAL;
   return false;
 }
 
@@ -172,9 +152,9 @@ std::optional<std::string> readWholeFile(const std::string& path, std::size_t li
 
 bool writeFileAtomically(const std::string& path, std::string_view bytes, const AtomicWriteOptions& options) {
   if (!detail::isUsablePath(path)) return false;
-  const auto target = followLinks(path);
+  const auto target = options.followLink ? followLinks(path) : path;
   if (!target) return false;
-  const auto [folderPath, name] = split(*target);
+  const auto [folderPath, name] = detail::splitPath(*target);
   if (name.empty() || name == "." || name == "..") {
     errno = EISDIR;
     return false;
@@ -205,9 +185,11 @@ std::optional<std::vector<std::string>> listDirectory(const std::string& path) {
   const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(path.c_str()), &::closedir);
   if (!folder) return std::nullopt;
   std::vector<std::string> names;
-  errno = 0;
-  // Safe on any thread: the stream is this call's own.
-  while (const dirent* entry = ::readdir(folder.get())) {  // NOLINT(concurrency-mt-unsafe)
+  for (;;) {
+    errno = 0;  // tells the end from a failure
+    // Safe on any thread: the stream is this call's own.
+    const dirent* entry = ::readdir(folder.get());  // NOLINT(concurrency-mt-unsafe)
+    if (entry == nullptr) break;
     const std::string_view name = entry->d_name;
     if (name != "." && name != "..") names.emplace_back(name);
   }
@@ -220,6 +202,17 @@ bool fileExists(const std::string& path) { return fileStatus(path).has_value(); 
 bool isDirectory(const std::string& path) {
   const auto status = fileStatus(path);
   return status && status->isDirectory();
+}
+
+std::optional<std::string> readLink(const std::string& path) {
+  if (!detail::isUsablePath(path)) return std::nullopt;
+  for (std::string target(256, '\0');; target.resize(target.size() * 2)) {
+    const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
+    if (length < 0) return std::nullopt;
+    if (static_cast<std::size_t>(length) == target.size()) continue;  // cut off, perhaps
+    target.resize(static_cast<std::size_t>(length));
+    return target;
+  }
 }
 
 bool removeFile(const std::string& path) { return detail::isUsablePath(path) && ::unlink(path.c_str()) == 0; }

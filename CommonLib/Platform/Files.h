@@ -28,13 +28,15 @@ struct AtomicWriteOptions {
   uid_t user = static_cast<uid_t>(-1);   ///< owner of a new file; -1: the writing process's
   gid_t group = static_cast<gid_t>(-1);  ///< group of a new file; -1: as the folder gives it
   bool keepExisting = true;              ///< an existing file keeps what it has instead of the three above
+  bool followLink = true;                ///< false: a symbolic link at the end of the path is refused (ELOOP)
 };
 
 /// Puts `bytes` in place of the file at `path`, whole or not at all: they are written to a file of unpredictable name
 /// in the same folder, synced, renamed over the target, and the folder is synced. Whoever has the old file open keeps
-/// seeing the old bytes. A symbolic link is followed: the file that it leads to (which need not exist) is replaced, the
-/// link stays. An existing file keeps its owner, group, permission bits, access list and security label; when they
-/// cannot be given to the new file the write fails. The target must be a regular file or absent.
+/// seeing the old bytes. A symbolic link is followed, unless `options` refuse it: the file that it leads to (which need
+/// not exist) is replaced, the link stays. An existing file keeps its owner, group, permission bits, access list and
+/// security label; when they cannot be given to the new file the write fails. The target must be a regular file or
+/// absent.
 ///
 /// False leaves the target as it was and no temporary file behind; the one exception is a failed sync of the folder
 /// after the rename, when the new bytes stand but might not survive a crash of the machine.
@@ -52,6 +54,9 @@ OSTREL_EXPORT std::optional<std::vector<std::string>> listDirectory(const std::s
 /// Whether the path leads to anything of any type, to a folder. Links are followed; a dangling one leads to nothing.
 OSTREL_EXPORT bool fileExists(const std::string& path);
 OSTREL_EXPORT bool isDirectory(const std::string& path);
+
+/// Where a symbolic link points, as it is spelled. Absent when there is no link.
+OSTREL_EXPORT std::optional<std::string> readLink(const std::string& path);
 
 /// Removes a file or a symbolic link (not what it leads to). Folders are refused.
 OSTREL_EXPORT bool removeFile(const std::string& path);

@@ -4,11 +4,15 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <map>
 #include <system_error>
+#include <utility>
 
 #include "Containers/Format.h"
 #include "Platform/FileDescriptor.h"
+#include "Platform/Internal/PathParts.h"
 #include "Platform/Internal/SystemCalls.h"
+#include "Platform/Mutex.h"
 
 namespace ostrel {
 namespace {
@@ -27,9 +31,7 @@ class BundleFinder {
   // The open shared object, or none with the reason.
   FileDescriptor find() {
     if (!detail::isUsablePath(path_)) return refuse("the path is empty or holds a NUL");
-    const std::size_t slash = path_.rfind('/');
-    const std::string folderPath = slash == std::string::npos ? "." : slash == 0 ? "/" : path_.substr(0, slash);
-    const std::string name = slash == std::string::npos ? path_ : path_.substr(slash + 1);
+    const auto [folderPath, name] = detail::splitPath(path_);
     const FileDescriptor folder = openFile(folderPath, O_RDONLY | O_DIRECTORY);
     if (!folder) return refuse(folderPath + ": " + errorText(errno));
     if (!isTrusted(folder.get(), folderPath)) return {};
@@ -42,6 +44,8 @@ class BundleFinder {
   }
 
   const std::string& reason() const { return reason_; }
+  // Of what `find` gave.
+  const FileStatus& status() const { return status_; }
 
  private:
   FileDescriptor refuse(std::string reason) {
@@ -85,6 +89,37 @@ std::string linkerError() {
   return text == nullptr ? "unknown error" : text;
 }
 
+// The shared objects that this process has loaded. Each file is loaded once and keeps one descriptor: the dynamic
+// linker knows an object by the name it was loaded under, so that descriptor's number must never come to stand for
+// another file, or the next load would be answered with this object.
+class LoadedObjects {
+ public:
+  // The linker's handle, or null (see dlerror(3)).
+  void* open(FileDescriptor object, const FileStatus& status) {
+    const File file{status.device, status.inode};
+    if (void* const loaded = find(file)) return loaded;
+    // Without the lock: the object's initialisers may load another one.
+    void* const handle = dlopen(format("/proc/self/fd/%d", object.get()).c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) return nullptr;
+    object.release();
+    const MutexLock lock(mutex_);
+    handles_.emplace(file, handle);
+    return handle;
+  }
+
+ private:
+  using File = std::pair<std::uint64_t, std::uint64_t>;  // device and inode, which the open descriptor keeps taken
+
+  void* find(const File& file) {
+    const MutexLock lock(mutex_);
+    const auto found = handles_.find(file);
+    return found == handles_.end() ? nullptr : found->second;
+  }
+
+  Mutex mutex_;
+  std::map<File, void*> handles_ OSTREL_GUARDED_BY(mutex_);
+};
+
 class HostModuleLoader final : public ModuleLoader {
  public:
   std::shared_ptr<ModuleBundle> load(const std::string& path, std::string* reason) override {
@@ -96,14 +131,11 @@ class HostModuleLoader final : public ModuleLoader {
       why = finder.reason();
       return nullptr;
     }
-    void* const handle = dlopen(format("/proc/self/fd/%d", object.get()).c_str(), RTLD_NOW | RTLD_LOCAL);
+    void* const handle = loaded_.open(std::move(object), finder.status());
     if (handle == nullptr) {
       why = path + ": " + linkerError();
       return nullptr;
     }
-    // The dynamic linker knows the object by the name it was loaded under: this descriptor's number must never come to
-    // stand for another file, or the next load would be answered with this object.
-    object.release();
     const auto* interface = static_cast<const ModuleInterface*>(dlsym(handle, moduleInterfaceSymbol));
     if (interface == nullptr) {
       why = path + ": has no factory (" + moduleInterfaceSymbol + ")";
@@ -119,13 +151,15 @@ class HostModuleLoader final : public ModuleLoader {
     }
     return std::make_shared<ModuleBundle>(path, interface);
   }
+
+ private:
+  LoadedObjects loaded_;
 };
 
 }  // namespace
 
 std::atomic<ModuleLoader*>& ModuleLoader::slot() {
-  static HostModuleLoader host;
-  static std::atomic<ModuleLoader*> slot{&host};
+  static std::atomic<ModuleLoader*> slot{new HostModuleLoader};  // kept: other threads may load while the process exits
   return slot;
 }
 

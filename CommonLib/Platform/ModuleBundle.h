@@ -50,7 +50,8 @@ class OSTREL_EXPORT ModuleLoader {
   /// The shared object must be a regular file, and it and each folder that it is found through (the one that holds
   /// the bundle, and the bundle itself when it is a folder) must belong to root or to the effective user of this
   /// process and be writable by no group and no others. Symbolic links are refused. What is checked is what is opened,
-  /// and what is opened is what is loaded: exchanging files in between gains nothing.
+  /// and what is opened is what is loaded: exchanging files in between gains nothing. A file that was loaded before is
+  /// not read again; each one keeps one descriptor open for the life of the process.
   virtual std::shared_ptr<ModuleBundle> load(const std::string& path, std::string* reason) = 0;
 
  private:

@@ -141,7 +141,18 @@ TEST(WriteFileAtomically, FollowsLinksAndNeverReplacesThem) {
   EXPECT_EQ(readFile(folder / "deep/not-there-yet"), "made");
   for (const char* link : {"relative", "absolute", "dangling"})
     EXPECT_TRUE(std::filesystem::is_symlink(folder / link)) << link;
+  for (const char* link : {"relative", "dangling"}) {
+    errno = 0;
+    EXPECT_FALSE(writeFileAtomically(folder / link, "refused", {.followLink = false})) << link;
+    EXPECT_EQ(errno, ELOOP) << link;
+  }
+  EXPECT_TRUE(writeFileAtomically(folder / "deep/target", "no link", {.followLink = false}));
+  EXPECT_EQ(readFile(folder / "deep/target"), "no link");
   EXPECT_THAT(*listDirectory(folder / "deep"), UnorderedElementsAre("target", "not-there-yet"));
+  const std::string far = "deep/" + std::string(240, 'n') + "/" + std::string(240, 'n');
+  std::filesystem::create_symlink(far, folder / "far");
+  EXPECT_EQ(readLink(folder / "far"), far);
+  EXPECT_FALSE(readLink(folder / "deep"));
 }
 
 TEST(WriteFileAtomically, AFailureLeavesTheOldFileAndNothingElse) {

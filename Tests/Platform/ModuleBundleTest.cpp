@@ -59,6 +59,23 @@ TEST_F(ModuleLoaderTest, EachPathGivesItsOwnCode) {
   EXPECT_EQ(load(install("second", "b.bundle")), 2) << "the file at the path is what counts: " << reason_;
 }
 
+// A module that is asked for again and again, sound or not, must not eat up the process's descriptors.
+TEST_F(ModuleLoaderTest, LoadingAgainTakesNoMoreDescriptors) {
+  const std::string sound = install("first", "sound.bundle");
+  const std::string broken = install("no_factory", "broken.bundle");
+  writeFile(folder_ / "text.bundle", "not a shared object");
+  const auto loadAll = [&] {
+    EXPECT_EQ(load(sound), 1);
+    EXPECT_EQ(load(broken), -1);
+    EXPECT_EQ(load(folder_ / "text.bundle"), -1);
+  };
+  const auto openDescriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+  loadAll();
+  const auto before = openDescriptors();
+  for (int i = 0; i < 5; ++i) loadAll();
+  EXPECT_EQ(openDescriptors(), before);
+}
+
 TEST_F(ModuleLoaderTest, TellsWhyItRefuses) {
   writeFile(folder_ / "text.bundle", "not a shared object");
   writeFile(folder_ / "empty.bundle/other.so", "");
