@@ -1,7 +1,6 @@
 #include "DaemonServices/SessionIdentifiers.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -33,7 +32,8 @@ constexpr std::string_view sessionsFolder = "/var/ostreld/sessions/";
 constexpr std::string_view proxiedSessionsFolder = "/var/ostreld/proxied_sessions/";
 constexpr std::string_view preferencesFile = "/Library/Preferences/com.brantle.ostrel_info.plist";
 constexpr std::size_t tokenLength = 32;
-constexpr std::size_t largestPidFile = 1 << 20;
+// What is read whole is bounded, so that no file, however large or sparse, exhausts the memory.
+constexpr std::size_t largestFile = 16 << 20;
 constexpr double obsoleteAfterSeconds = 5400;
 
 /// Whether the text may be part of the name of one file in one folder.
@@ -107,14 +107,14 @@ bool writeSession(const std::string& path, const PlistValue& contents) {
     errno = EINVAL;
     return false;
   }
-  const auto existing = linkStatus(path);
-  if (existing && S_ISLNK(existing->mode)) {
-    errno = ELOOP;
+  if (contents.stringValue().size() > largestFile) {
+    errno = EFBIG;
     return false;
   }
   AtomicWriteOptions options;
   options.mode = 0600;
   options.keepExisting = false;
+  options.followLink = false;
   return writeFileAtomically(path, contents.stringValue(), options);
 }
 
@@ -123,11 +123,14 @@ bool logSaveFailure(const std::string& path, int reason) {
   return false;
 }
 
-/// The text of a regular file, or null.
-PlistValue textOfFile(const std::string& path, detail::FinalLink link, std::size_t limit = SIZE_MAX) {
+std::optional<std::string> bytesOfFile(const std::string& path, detail::FinalLink link) {
   const FileDescriptor file = detail::openRegularFile(path, link);
-  if (!file) return {};
-  const auto bytes = readToEnd(file.get(), limit);
+  return file ? readToEnd(file.get(), largestFile) : std::nullopt;
+}
+
+/// The text of a regular file, or null.
+PlistValue textOfFile(const std::string& path, detail::FinalLink link) {
+  const auto bytes = bytesOfFile(path, link);
   return bytes ? PlistValue::stringFromUTF8(*bytes) : PlistValue();
 }
 
@@ -203,12 +206,12 @@ bool check_if_ports_are_restricted(const PlistValue& ports, PlistValue* restrict
 }
 
 PlistValue get_service_config() {
-  const auto bytes = readWholeFile(hostPath(preferencesFile));
+  const auto bytes = bytesOfFile(hostPath(preferencesFile), detail::FinalLink::followed);
   return bytes ? readPropertyList(*bytes).get("ServiceConfig") : PlistValue();
 }
 
 int pid_from_file(const std::string& path) {
-  const PlistValue text = textOfFile(path, detail::FinalLink::followed, largestPidFile);
+  const PlistValue text = textOfFile(path, detail::FinalLink::followed);
   if (text.isNull()) return -1;
   const auto number = leadingInteger(text.stringValue());
   if (number && std::in_range<int>(*number)) return static_cast<int>(*number);

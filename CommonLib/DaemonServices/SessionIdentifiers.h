@@ -9,7 +9,8 @@
 namespace ostrel {
 
 // Texts are PlistValue strings; where null is allowed it is said. Every function may be called from any thread and
-// none raises. Fixed paths lie below the host root.
+// none raises. Fixed paths lie below the host root. Only regular files of at most 16 MiB are read: others count as
+// missing.
 //
 // A session's file is named by the identifier, followed by "." and the extension when one is given (not null). An
 // identifier that is no string, is empty, ".", or "..", and an identifier or extension that holds "/" or a NUL, name
@@ -20,8 +21,9 @@ namespace ostrel {
 /// "/var/ostreld/sessions/". Null when the random device or the marker file cannot be had (a missing folder included).
 OSTREL_EXPORT PlistValue generate_unprivileged_session_id(const PlistValue& extension = {});
 
-/// Stores `contents` (a string) for a session in "/var/ostreld/proxied_sessions/", which is made with mode 0700 if it
-/// is missing, as a file of mode 0600 that is replaced in one step. False, and a notice in the log, when that fails.
+/// Stores `contents` (a string of at most 16 MiB) for a session in "/var/ostreld/proxied_sessions/", which is made with
+/// mode 0700 if it is missing, as a file of mode 0600 that is replaced in one step. False, and a notice in the log,
+/// when that fails.
 OSTREL_EXPORT bool save_session_id(const PlistValue& identifier, const PlistValue& contents,
                                    const PlistValue& extension = {});
 

@@ -20,6 +20,7 @@
 #include "Platform/RandomDevice.h"
 #include "Platform/UserDatabase.h"
 #include "PluginFramework/PluginRequestHandler.h"
+#include "Support/FakeNetwork.h"
 #include "Support/Fakes.h"
 #include "Support/TemporaryFolder.h"
 
@@ -148,11 +149,30 @@ TEST_F(SessionIdentifiers, LinksAreNotFollowedOutOfTheFolder) {
   ASSERT_TRUE(save_session_id("alice@1", "text"));
   std::filesystem::create_symlink(root_ / "outside", proxied("bob@1"));
   EXPECT_FALSE(save_session_id("bob@1", "overwritten"));
+  EXPECT_TRUE(log_.holds(line("error in save_session_id: can't create " + proxied("bob@1") + " (errno=40)\n")));
   EXPECT_TRUE(restore_session_id("bob@1").isNull());
   EXPECT_TRUE(revoke_session_id("bob@1"));
   EXPECT_EQ(readFile(root_ / "outside"), "outside");
   ASSERT_EQ(mkfifo(proxied("pipe@1").c_str(), 0600), 0);
   EXPECT_TRUE(restore_session_id("pipe@1").isNull()) << "and does not wait for a writer";
+}
+
+TEST_F(SessionIdentifiers, FilesTooLargeToBeHeldCountAsMissing) {
+  constexpr std::size_t largest = 16 << 20;
+  ASSERT_TRUE(save_session_id("most@1", std::string(largest, 'x')));
+  EXPECT_EQ(restore_session_id("most@1").stringValue().size(), largest);
+  EXPECT_FALSE(save_session_id("most@1", std::string(largest + 1, 'x')));
+  EXPECT_EQ(restore_session_id("most@1").stringValue().size(), largest);
+
+  // Sparse, and larger than any memory.
+  const std::string preferences = root_ / "Library/Preferences/com.brantle.ostrel_info.plist";
+  for (const std::string& path : {proxied("huge@1"), preferences}) {
+    writeFile(path, "1");
+    ASSERT_EQ(truncate(path.c_str(), off_t{8} << 40), 0);
+  }
+  EXPECT_TRUE(restore_session_id("huge@1").isNull());
+  EXPECT_TRUE(get_service_config().isNull());
+  EXPECT_EQ(pid_from_file(proxied("huge@1")), -1);
 }
 
 TEST_F(SessionIdentifiers, SaveMultipleAttemptsAll) {
@@ -171,23 +191,10 @@ TEST_F(SessionIdentifiers, FolderThatCannotBeMadeIsLogged) {
 
 // ---- hosts, users, ports -------------------------------------------------------------------------------------------
 
-class FakeResolver final : public NameResolver {
- public:
-  Resolution resolve(const std::string& host, const std::string&, AddressFamily) override {
-    ++lookups;
-    if (host == "broken") throw std::runtime_error("lookup failed");
-    const auto found = hosts.find(host);
-    if (found == hosts.end()) return {.error = 1, .systemError = 0, .addresses = {}};
-    return {.error = 0, .systemError = 0, .addresses = {*SocketAddress::ipv4(found->second)}};
-  }
-  std::optional<HostAndService> nameOf(const SocketAddress&, NameForm) override { return std::nullopt; }
-
-  int lookups = 0;
-  std::map<std::string, std::string> hosts{{"a", "192.0.2.1"}, {"alias", "192.0.2.1"}, {"b", "192.0.2.2"}};
-};
-
 TEST_F(SessionIdentifiers, SameHostByNameOrByAddress) {
-  FakeResolver resolver;
+  testing::FakeResolver resolver;
+  resolver.hosts = {{"a", {"192.0.2.1"}}, {"alias", {"192.0.2.7", "192.0.2.1"}}, {"b", {"192.0.2.2"}}};
+  resolver.raising = {"broken"};
   const ScopedOverride<NameResolver> override(resolver);
   EXPECT_TRUE(is_same_host("x", "x", false));
   EXPECT_TRUE(is_same_host("x", "x", true));
