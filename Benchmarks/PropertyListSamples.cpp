@@ -9,8 +9,15 @@ namespace {
 
 constexpr const char* givenNames[] = {"Anna",    "Bj\xC3\xB6rn", "Chidi",    "Dolores",
                                       "Eleanor", "Fatima",       "Giovanni", "Hana"};
-constexpr const char* familyNames[] = {"Lindqvist", "Okonkwo",   "Garc\xC3\xAD" "a", "Petrov",
-                                       "Schneider", "Takahashi", "O'Brien",       "Nakamura-Smith"};
+constexpr const char* familyNames[] = {"Lindqvist",
+                                       "Okonkwo",
+                                       "Garc\xC3\xAD"
+                                       "a",
+                                       "Petrov",
+                                       "Schneider",
+                                       "Takahashi",
+                                       "O'Brien",
+                                       "Nakamura-Smith"};
 constexpr const char* shells[] = {"/bin/bash", "/bin/sh", "/usr/bin/zsh", "/usr/bin/false"};
 
 std::string hex(std::mt19937_64& random, std::size_t digits) {
