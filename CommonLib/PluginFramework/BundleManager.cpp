@@ -39,8 +39,7 @@ bool lessIgnoringCase(const std::string& left, const std::string& right) {
 
 }  // namespace
 
-// ---- loading
-// ------------------------------------------------------------------------------------------------------------
+// Loading.
 
 BundleManager::BundleManager()
     : outstandingRequests(PlistValue::mutableArray()),
@@ -116,8 +115,7 @@ const ModuleBundle* BundleManager::getBundle(std::string_view name) const {
   return found == bundles.end() ? nullptr : found->second.get();
 }
 
-// ---- outstanding requests
-// -----------------------------------------------------------------------------------------------
+// Outstanding requests.
 
 void BundleManager::addMarker(const PlistValue& marker) {
   const MutexLock lock(requestsLock);
@@ -134,8 +132,7 @@ PlistValue BundleManager::CopyOutstandingRequests() const {
   return outstandingRequests.isNull() ? PlistValue::mutableArray() : outstandingRequests.mutableCopy();
 }
 
-// ---- requests
-// -----------------------------------------------------------------------------------------------------------
+// Requests.
 
 PlistValue BundleManager::doCommand(const PlistValue& request, std::string_view module, const PlistValue& user) {
   // A request without a command gives a marker that ends before it.
@@ -186,8 +183,7 @@ PlistValue BundleManager::runRequest(PluginRequestHandler& handler, const PlistV
   }
 }
 
-// ---- the announcement of a state change
-// ---------------------------------------------------------------------------------
+// The announcement of a state change.
 
 void BundleManager::announceStateChange(const PlistValue& request, std::string_view module,
                                         const PlistValue& response) {

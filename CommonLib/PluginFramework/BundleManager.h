@@ -55,8 +55,7 @@ class OSTREL_EXPORT BundleManager {
   /// for that module alone.
   static std::shared_ptr<BundleManager> managerForBundle(std::string_view moduleName);
 
-  // ---- modules: never change after construction
-  // -----------------------------------------------------------------------
+  // Modules: never change after construction.
 
   /// Sorted without regard to case.
   std::vector<std::string> moduleNames() const;
@@ -67,8 +66,7 @@ class OSTREL_EXPORT BundleManager {
   /// In the order of loading. For the daemon to tell at its start.
   const std::vector<LoadFailure>& loadFailures() const noexcept { return loadFailures_; }
 
-  // ---- requests
-  // -------------------------------------------------------------------------------------------------------
+  // Requests.
 
   /// `doCommand:withModule:forUser:`: runs a request against a module, with its context locked. `user` is a string or
   /// null. Waits while another request holds the module's context: see `getAndLockContext`.
@@ -94,8 +92,7 @@ class OSTREL_EXPORT BundleManager {
   /// background thread is left. For a clean stop.
   bool finishBackgroundWork(std::chrono::milliseconds limit);
 
-  // ---- contexts: see ContextStore.h
-  // -------------------------------------------------------------------------------------
+  // Contexts: see ContextStore.h.
 
   /// `getAndLockContext:outFileDescriptor:timedout:`: the module's context, locked, from the cache while the file is
   /// not newer. `*outFileDescriptor` is the open file. Tries for the lock every 100 ms: 1,200 times, 9,000 for the
@@ -110,8 +107,7 @@ class OSTREL_EXPORT BundleManager {
   /// `updateContextCache:`: refreshes the cache entry of a module from its file.
   void updateContextCache(std::string_view module);
 
-  // ---- watchdog
-  // ---------------------------------------------------------------------------------------------------------
+  // Watchdog.
 
   /// Whether a forced quit crashes the process on purpose, for the crash report, instead of ending it with status 1.
   void setCrashOnHangTimeout(bool crash) noexcept { crashOnHangTimeout = crash; }

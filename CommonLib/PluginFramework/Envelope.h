@@ -19,7 +19,7 @@ namespace ostrel {
 // be called from any thread; a dictionary that is passed in must not be written by another thread meanwhile. Where a
 // value may be absent, null stands for absent.
 
-// ---- conversions ------------------------------------------------------------------------------------------------
+// Conversions.
 
 /// Reads a request body (a data value). True: `outDictionary` is the request (immutable) and `outErrorData` null. An
 /// empty body is an empty request. False, for a body that is null, no property list or no dictionary:
@@ -36,7 +36,7 @@ OSTREL_EXPORT bool convert_response_data_to_dict(const PlistValue& data, PlistVa
 /// "UNEXPECTED_COMMAND" (null) or "CANNOT_CREATE_XML_RESPONSE_ERR" (a value that XML cannot carry).
 OSTREL_EXPORT bool convert_response_dict_to_data(const PlistValue& dict, PlistValue& outData);
 
-// ---- the requesting user ----------------------------------------------------------------------------------------
+// The requesting user.
 
 /// Sets "_user_" in a mutable dictionary to the part of the session identifier before its first "@"; without one to
 /// the environment's REMOTE_USER; when that is "<USE_SESSION_ID>", to the user part of HTTP_OSTRELSESSIONID.
@@ -50,7 +50,7 @@ OSTREL_EXPORT bool remove_user_from_dict(PlistValue dict);
 /// id, or -1 when there is no such key or no such user. May block on the name service.
 OSTREL_EXPORT PlistValue do_get_user(const PlistValue& dict, uid_t* outUid = nullptr, gid_t* outGid = nullptr);
 
-// ---- dictionary helpers: the input is never changed ----------------------------------------------------------------
+// Dictionary helpers: the input is never changed.
 
 /// The value for `key` if it is a string, else null.
 OSTREL_EXPORT PlistValue get_str_value_for_key(const PlistValue& dict, std::string_view key);
@@ -69,7 +69,7 @@ OSTREL_EXPORT PlistValue remove_key_from_dict(const PlistValue& dict, std::strin
 /// member is no number are left uninitialised. nullptr for an empty array, another kind, or without memory.
 OSTREL_EXPORT std::uint32_t* do_convert_int_nsarray2carray(const PlistValue& array);
 
-// ---- hexadecimal text -------------------------------------------------------------------------------------------
+// Hexadecimal text.
 
 // Both return an error code or nullptr for success, and give memory from malloc(3) that the caller frees.
 
@@ -81,7 +81,7 @@ OSTREL_EXPORT const char* hexencode_buffer(const void* bytes, std::size_t length
 /// characters fails with CANNOT_MALLOC_ERR. On failure `outBytes` is null and `outLength` is left alone.
 OSTREL_EXPORT const char* hexdecode_buffer(const char* text, unsigned char*& outBytes, std::size_t& outLength);
 
-// ---- diagnostic printers of modules' command lines: to standard output, always 0 ------------------------------------
+// Diagnostic printers of modules' command lines: to standard output, always 0.
 
 OSTREL_EXPORT int do_output_version();
 OSTREL_EXPORT int do_output_context(const PlistValue& context);

@@ -69,8 +69,7 @@ PluginRequestHandler::PluginRequestHandler(const OperationTable& operations) : o
 
 PluginRequestHandler::~PluginRequestHandler() { stopObserving(); }
 
-// ---- operations by name
-// -----------------------------------------------------------------------------------------------
+// Operations by name.
 
 const PluginOperation* PluginRequestHandler::findOperation(std::string_view name) const noexcept {
   const PluginOperation* operation = operations_.find(name);
@@ -87,8 +86,7 @@ PlistValue PluginRequestHandler::callIfPresent(std::string_view name, const Plis
   return (this->*operation->command)(request);
 }
 
-// ---- entries for the host
-// ---------------------------------------------------------------------------------------------
+// Entries for the host.
 
 PlistValue PluginRequestHandler::doProcessInputWithRequest(const PlistValue& request, const PlistValue& context,
                                                            int* lockFileFD) {
@@ -143,8 +141,7 @@ int PluginRequestHandler::cleanupFromRequest() {
   return descriptor;
 }
 
-// ---- the request of this thread
-// ---------------------------------------------------------------------------------------
+// The request of this thread.
 
 PlistValue PluginRequestHandler::currentRequest() const {
   const RequestState* state = findState(*this);
@@ -168,8 +165,7 @@ PlistValue PluginRequestHandler::responseForError(const char* errorCode) {
   return PlistValue::dictionaryOf({{"error", errorCode}});
 }
 
-// ---- operations that a module may override
-// ------------------------------------------------------------------------------
+// Operations that a module may override.
 
 PlistValue PluginRequestHandler::startServiceWithVariant(const PlistValue&) { return nullptr; }
 PlistValue PluginRequestHandler::stopServiceWithVariant(const PlistValue&) { return nullptr; }
@@ -224,8 +220,7 @@ PlistValue PluginRequestHandler::tailFileWithRequest(const PlistValue& request) 
   return PlistValue::dictionaryOf({{"path", path}, {"offset", offset}, {"amount", amount}, {"tailContents", contents}});
 }
 
-// ---- network changes
-// ----------------------------------------------------------------------------------------------------
+// Network changes.
 
 void PluginRequestHandler::startObserving() {
   if (!respondsTo(networkObserverName)) return;

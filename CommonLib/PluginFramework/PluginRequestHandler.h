@@ -86,7 +86,7 @@ class OSTREL_EXPORT PluginRequestHandler {
   /// Whether there is an operation of that run-time name, in the table or of this class itself.
   bool respondsTo(std::string_view operationName) const noexcept;
 
-  // ---- entries for the host ---------------------------------------------------------------------------------------
+  // Entries for the host.
 
   /// `doProcessInputWithRequest:context:lockFileFD:`: runs the operation that "command" names. `*lockFileFD` is the
   /// descriptor of the locked context file and receives what the operation left of it: -1 after `unlockContext`.
@@ -98,7 +98,7 @@ class OSTREL_EXPORT PluginRequestHandler {
   /// and returns its answer; any other returns 0.
   virtual int doProcessArgsWithArgc(int argc, const char* const* argv, const PlistValue& context, int* lockFileFD);
 
-  // ---- for the module's operations, while a request or an idle call runs on this thread -----------------------------
+  // For the module's operations, while a request or an idle call runs on this thread.
 
   /// The request, or null (idle).
   PlistValue currentRequest() const;
@@ -114,7 +114,7 @@ class OSTREL_EXPORT PluginRequestHandler {
   /// `responseForError:`: {"error": the code}.
   static PlistValue responseForError(const char* errorCode);
 
-  // ---- operations that a module may override ------------------------------------------------------------------------
+  // Operations that a module may override.
 
   /// `startServiceWithVariant:` and its kin serve the command "setState" with "START", "STOP", "RESTART" and
   /// "RECYCLE". `variant` is the request's, may be null and means what the module defines. Null: the state is then
@@ -134,7 +134,7 @@ class OSTREL_EXPORT PluginRequestHandler {
   /// bytes (see DaemonServices/LogTail.h). May read for 20 seconds.
   virtual PlistValue tailFileWithRequest(const PlistValue& request);
 
-  // ---- wiring -------------------------------------------------------------------------------------------------------
+  // Wiring.
 
   /// `handleNetworkDidChangeNotification:`: hands the change to "didReceiveNetworkChangedNotification:" if there is
   /// one, on the thread that posted the notification.

@@ -126,8 +126,7 @@ TEST(ContextCrash, ARecoveryEndedAtAnyStepCanBeRepeated) {
   EXPECT_GE(repeated, 5);
 }
 
-// ---- the machine stops
-// ------------------------------------------------------------------------------------------------
+// The machine stops.
 
 /// The files as a disk might hold them: what was synced, and any part of what was not.
 class Disk {
@@ -213,8 +212,7 @@ TEST(ContextCrash, AMachineStoppedAtAnyStepLeavesTheOldOrTheNewContext) {
   EXPECT_GE(outcomes["new"], 100);
 }
 
-// ---- journals that do not belong to the file
-// ----------------------------------------------------------------------------
+// Journals that do not belong to the file.
 
 TEST(ContextCrash, AStaleOrTornJournalDamagesNothing) {
   const HostFixture host;
