@@ -22,7 +22,9 @@ struct BackgroundThreads::State {
 
 BackgroundThreads::BackgroundThreads() : state_(std::make_shared<State>()) {}
 
-BackgroundThreads::~BackgroundThreads() {
+BackgroundThreads::~BackgroundThreads() { waitUntilNone(); }
+
+void BackgroundThreads::waitUntilNone() {
   const MutexLock lock(state_->mutex);
   while (state_->running != 0) state_->changed.wait(state_->mutex);
 }

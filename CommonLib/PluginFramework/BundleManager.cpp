@@ -60,7 +60,8 @@ BundleManager::BundleManager(std::string_view moduleName)
   }
 }
 
-BundleManager::~BundleManager() { background_.reset(); }
+// While all members are there: an observer that is waited for may run another request.
+BundleManager::~BundleManager() { background_->waitUntilNone(); }
 
 void BundleManager::loadBundle(const std::string& path, const std::string& moduleName) {
   if (plugInLogging) logNotice("Loading module %@", moduleName);

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -221,6 +222,26 @@ TEST(BundleManager, AnnouncesStateChanges) {
             PlistValue::dictionaryOf({{"bundle", "good"}, {"stateCommand", "START"}, {"state", "RUNNING"}}));
   EXPECT_EQ(heard[1].userInfo, PlistValue::dictionaryOf({{"bundle", "good"}, {"stateCommand", "explode"}}));
   EXPECT_EQ(heard[2].userInfo, PlistValue::dictionaryOf({{"bundle", "good"}}));
+}
+
+TEST(BundleManager, AnObserverMayRunARequestWhileTheHostGoes) {
+  const HostFixture host;
+  host.install("Good", "good.bundle");
+  auto manager = std::make_unique<BundleManager>();
+  std::atomic<bool> going = false;
+  std::atomic<int> heard = 0;
+  auto& center = NotificationCenter::defaultCenter();
+  center.addObserver(&heard, "setState", [&, raw = manager.get()](const Notification&) {
+    if (++heard > 1) return;
+    while (!going) std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // until the destructor waits
+    raw->doCommand(command("setState"), "good", nullptr);
+  });
+  manager->doCommand(command("setState"), "good", nullptr);
+  going = true;
+  manager.reset();
+  center.removeObserver(&heard);
+  EXPECT_EQ(heard, 2);
 }
 
 TEST(BundleManager, LogsWhatAnObserverThrows) {

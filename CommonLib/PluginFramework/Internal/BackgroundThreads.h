@@ -20,7 +20,9 @@ class BackgroundThreads {
   /// late is better than work that is lost. `work` must not throw. It is destroyed before it counts as done.
   void start(std::function<void()> work);
 
-  /// Waits until none is left, at most for `limit` of real time; true when none is.
+  /// Waits until none is left, those included that are started meanwhile.
+  void waitUntilNone();
+  /// The same, at most for `limit` of real time; true when none is left.
   bool waitUntilNone(std::chrono::milliseconds limit);
 
  private:
