@@ -2,6 +2,7 @@
 
 #include <cxxabi.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <exception>
 #include <memory>
@@ -14,14 +15,20 @@
 namespace ostrel::detail {
 namespace {
 
+bool isControl(char c) { return static_cast<unsigned char>(c) < ' ' && c != '\t' && c != '\n' && c != '\r'; }
+
+/// With a "?" for what a response could not carry: XML has no form for control characters.
 PlistValue validText(std::string_view words) {
-  PlistValue text = PlistValue::stringFromUTF8(words);
-  if (!text.isNull()) return text;
-  std::string ascii(words);
-  for (char& c : ascii)
-    if (static_cast<unsigned char>(c) >= 0x80) c = '?';
-  return ascii;
+  std::string text(words);
+  std::ranges::replace_if(text, isControl, '?');
+  PlistValue valid = PlistValue::stringFromUTF8(text);
+  if (!valid.isNull()) return valid;
+  std::ranges::replace_if(
+      text, [](char c) { return static_cast<unsigned char>(c) >= 0x80; }, '?');
+  return text;
 }
+
+PlistValue textOrNull(const char* words) { return words == nullptr ? PlistValue() : validText(words); }
 
 PlistValue currentTypeName() {
   const std::type_info* type = abi::__cxa_current_exception_type();
@@ -38,11 +45,11 @@ PlistValue describeCurrentException() {
   try {
     throw;
   } catch (const std::exception& exception) {
-    return validText(exception.what());
+    return textOrNull(exception.what());  // some answer null
   } catch (const std::string& words) {
     return validText(words);
   } catch (const char* words) {
-    return words == nullptr ? PlistValue() : validText(words);
+    return textOrNull(words);
   } catch (const PlistValue& value) {
     return value.isNull() ? PlistValue() : validText(value.description());
   } catch (abi::__forced_unwind&) {

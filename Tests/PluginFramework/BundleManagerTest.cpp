@@ -144,11 +144,8 @@ TEST(BundleManager, TurnsExceptionsIntoResponses) {
   const struct {
     const char* kind;
     PlistValue reason;
-  } cases[] = {{"exception", "out of paper"},
-               {"text", "no toner"},
-               {"number", "exception of type int"},
-               {"bytes", "jam ?"},
-               {"null", nullptr}};
+  } cases[] = {{"exception", "out of paper"}, {"text", "no toner"}, {"number", "exception of type int"},
+               {"bytes", "jam ??"},           {"silent", nullptr},  {"null", nullptr}};
   BundleManager manager;
   int failures = 0;
   for (const auto& [kind, reason] : cases) {

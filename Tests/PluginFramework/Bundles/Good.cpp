@@ -1,4 +1,5 @@
 // A module that does what it is asked to, also to fail.
+#include <exception>
 #include <stdexcept>
 #include <string>
 
@@ -11,6 +12,11 @@
 namespace {
 
 using ostrel::PlistValue;
+
+class Silent : public std::exception {
+ public:
+  const char* what() const noexcept override { return nullptr; }
+};
 
 class GoodHandler : public ostrel::PluginRequestHandler {
  public:
@@ -41,7 +47,8 @@ class GoodHandler : public ostrel::PluginRequestHandler {
     if (kind == "exception") throw std::runtime_error("out of paper");
     if (kind == "text") throw "no toner";  // NOLINT: modules throw what they like
     if (kind == "number") throw 42;        // NOLINT
-    if (kind == "bytes") throw std::runtime_error("jam \xFF");
+    if (kind == "bytes") throw std::runtime_error("jam \xFF\a");
+    if (kind == "silent") throw Silent();
     throw static_cast<const char*>(nullptr);  // NOLINT
   }
   PlistValue getAddressWithRequest(const PlistValue&) {
