@@ -46,15 +46,21 @@ PlistValue BundleManager::getAndLockContext(std::string_view module, int* outFil
   const auto status = descriptorStatus(*outFileDescriptor);
   if (!status) throw ContextError("getAndLockContext: error getting file mod date");
   const std::int64_t fileDate = wholeSeconds(*status);
-  MutexLock lock(contextLock);
-  if (const auto entry = contexts.find(module); entry != contexts.end() && fileDate <= entry->second.contextModDate) {
-    entry->second.context.set("contextDirty", false);
-    return entry->second.context;
+  PlistValue context = cachedContext(module, fileDate);
+  if (context.isNull()) {
+    // Without contextLock: the file's lock guards this module's entry, and others must not wait for its disk.
+    context = detail::readContext(*outFileDescriptor);
+    const MutexLock lock(contextLock);
+    contexts.insert_or_assign(std::string(module), CacheEntry{context, fileDate});
   }
-  PlistValue context = detail::readContext(*outFileDescriptor);
-  contexts.insert_or_assign(std::string(module), CacheEntry{context, fileDate});
   context.set("contextDirty", false);
   return context;
+}
+
+PlistValue BundleManager::cachedContext(std::string_view module, std::int64_t fileDate) {
+  const MutexLock lock(contextLock);
+  const auto entry = contexts.find(module);
+  return entry != contexts.end() && fileDate <= entry->second.contextModDate ? entry->second.context : PlistValue();
 }
 
 bool BundleManager::lockContextFile(std::string_view module, int* outFileDescriptor) {

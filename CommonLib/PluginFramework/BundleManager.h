@@ -135,6 +135,7 @@ class OSTREL_EXPORT BundleManager {
                         const PlistValue& context, int* lockFileFD);
   void announceStateChange(const PlistValue& request, std::string_view module, const PlistValue& response);
   bool lockContextFile(std::string_view module, int* outFileDescriptor);
+  PlistValue cachedContext(std::string_view module, std::int64_t fileDate);
   void reportDeadlockAndQuit(std::string_view module);
 
   ByModule<std::unique_ptr<PluginRequestHandler>> modules;

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -296,6 +297,31 @@ TEST(ContextStore, CorruptBytesGiveAnEmptyContextAndAreKeptAside) {
     EXPECT_EQ(stored(host, "dns"), PlistValue::dictionaryOf({{"contextDirty", false}}));
     EXPECT_EQ(testing::readFile(host.lockFile("dns") + ".unreadable"), bytes);
   }
+}
+
+/// Asks for another module's context whenever it is given a line.
+class AskingLog final : public SystemLog {
+ public:
+  explicit AskingLog(BundleManager& manager) : manager_(manager) {}
+  void write(int, std::string_view) override {
+    manager_.updateContextCache("other");
+    ++lines;
+  }
+  void writeRecord(int, std::span<const Field>, std::string_view) override {}
+  int lines = 0;
+
+ private:
+  BundleManager& manager_;
+};
+
+TEST(ContextStore, AModuleWhoseFileIsReadHoldsUpNoOther) {
+  const HostFixture host;
+  BundleManager manager;
+  AskingLog log(manager);
+  const ScopedOverride<SystemLog> override(log);
+  testing::writeFile(host.lockFile("dns"), "corrupt");
+  manager.updateContextCache("dns");
+  EXPECT_EQ(log.lines, 1);
 }
 
 TEST(ContextStore, RaisesWhenTheStatusIsUnreadable) {
