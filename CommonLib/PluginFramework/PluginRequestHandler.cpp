@@ -110,7 +110,7 @@ PlistValue PluginRequestHandler::doProcessInputWithRequest(const PlistValue& req
     throw;
   }
   *lockFileFD = cleanupFromRequest();
-  return response.isNull() ? responseForError(errors::unexpectedCommand) : response;
+  return response.isDictionary() ? response : responseForError(errors::unexpectedCommand);
 }
 
 int PluginRequestHandler::doProcessArgsWithArgc(int argc, const char* const* argv, const PlistValue& context,
@@ -196,7 +196,7 @@ PlistValue PluginRequestHandler::setStateWithRequest(const PlistValue& request) 
 
 PlistValue PluginRequestHandler::tailFileWithRequest(const PlistValue& request) {
   const PlistValue identifier = get_str_value_for_key(request, "identifier");
-  PlistValue path = get_str_value_for_key(request, "path");
+  const PlistValue path = get_str_value_for_key(request, "path");
   PlistValue offset = request.get("offset");
   PlistValue amount = request.get("amount");
   if (identifier.isNull() && path.isNull()) return responseForError(errors::invalidArgument);
@@ -205,11 +205,12 @@ PlistValue PluginRequestHandler::tailFileWithRequest(const PlistValue& request) 
   const PlistValue allowedLogs = callIfPresent("getLogPathsWithRequest:", request);
   PlistValue contents;
   if (!identifier.isNull()) {
-    const char* error = do_get_tail_contents_for_identifier(identifier, allowedLogs, path = nullptr, offset, amount,
+    PlistValue foundPath;  // the request's own "path" does not count then
+    const char* error = do_get_tail_contents_for_identifier(identifier, allowedLogs, foundPath, offset, amount,
                                                             contents, context(), request);
     if (error != nullptr) return responseForError(error);
     return PlistValue::dictionaryOf({{"identifier", identifier},
-                                     {"path", path},
+                                     {"path", foundPath},
                                      {"offset", offset},
                                      {"amount", amount},
                                      {"tailContents", contents}});

@@ -74,7 +74,9 @@ class OSTREL_EXPORT OperationTable {
 ///
 /// Threads: one instance serves all requests of its module, on any threads at once. Request, context and lock
 /// descriptor belong to the thread (keyed by the class of the handler); a class that is entered again on one thread
-/// overwrites its own entry. The host lets only one request at a time into a module, by the lock of its context.
+/// overwrites its own entry. The host lets only one request at a time into a module, by the lock of its context,
+/// until the operation returns or calls `unlockContext`. A response is sent after that: it shares no mutable part of
+/// the context.
 ///
 /// What an operation throws passes through this class; the host turns it into a response.
 class OSTREL_EXPORT PluginRequestHandler {
@@ -91,7 +93,7 @@ class OSTREL_EXPORT PluginRequestHandler {
   /// `doProcessInputWithRequest:context:lockFileFD:`: runs the operation that "command" names. `*lockFileFD` is the
   /// descriptor of the locked context file and receives what the operation left of it: -1 after `unlockContext`.
   /// Null when "command" is absent or no string; {"error": "UNEXPECTED_COMMAND"} when it names no operation or the
-  /// operation returned null.
+  /// operation returned no dictionary.
   virtual PlistValue doProcessInputWithRequest(const PlistValue& request, const PlistValue& context, int* lockFileFD);
 
   /// `doProcessArgsWithArgc:argv:context:lockFileFD:`: the command line (program, "idle", count) calls `doIdleAtCount`
@@ -108,7 +110,9 @@ class OSTREL_EXPORT PluginRequestHandler {
   PlistValue currentUserName() const;
   /// The module's context, mutable and locked; set "contextDirty" in it to have it written back. Null outside.
   PlistValue context() const;
-  /// Writes back and releases the context now: for operations that go on for long without it.
+  /// Writes back and releases the context now: for operations that go on for long without it. Afterwards the context,
+  /// and the user's name in it, may be another request's on another thread: do not touch them, take what is needed
+  /// before. Nothing happens when it is released already, or outside a request.
   void unlockContext();
 
   /// `responseForError:`: {"error": the code}.

@@ -92,13 +92,15 @@ TEST(PluginRequestHandler, RoutesCommandsByName) {
   EXPECT_EQ(run(handler, commandRequest("ask")), PlistValue::dictionaryOf({{"answer", 42}}));
   handler.onAsk = nullptr;
   EXPECT_EQ(run(handler, commandRequest("ask")), error("UNEXPECTED_COMMAND")) << "null is no answer";
-  EXPECT_EQ(handler.calls.size(), 2U);
+  handler.onAsk = [](const PlistValue&) { return PlistValue::arrayOf({1}); };
+  EXPECT_EQ(run(handler, commandRequest("ask")), error("UNEXPECTED_COMMAND")) << "nor is what is no dictionary";
+  EXPECT_EQ(handler.calls.size(), 3U);
 
   for (const std::string_view command :
        {"Ask"sv, "ask:"sv, "ask\0"sv, ""sv, "askWithRequest:"sv, "didReceiveNetworkChangedNotification:"sv,
         "getState"sv, "responseForError"sv, "doProcessInput"sv})
     EXPECT_EQ(run(handler, commandRequest(command)), error("UNEXPECTED_COMMAND")) << command;
-  EXPECT_EQ(handler.calls.size(), 2U) << "none of these is callable";
+  EXPECT_EQ(handler.calls.size(), 3U) << "none of these is callable";
   EXPECT_TRUE(run(handler, PlistValue::dictionaryOf({})).isNull());
   EXPECT_TRUE(run(handler, commandRequest(7)).isNull());
   EXPECT_TRUE(run(handler, nullptr).isNull());
