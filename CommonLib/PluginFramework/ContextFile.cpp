@@ -43,7 +43,8 @@ class ContextFile {
   void openJournal(int flags);
   void completeInterruptedWrite();
   void writeJournal(const JournalRecord& record);
-  void put(const JournalRecord& record);
+  bool put(const JournalRecord& record);
+  bool replaceFrom(std::uint64_t start, const std::string& part, std::uint64_t length);
 
   const int descriptor_;
   FileStatus status_;
@@ -83,16 +84,30 @@ void ContextFile::completeInterruptedWrite() {
   if (!journal_) return;
   const auto status = descriptorStatus(journal_.get());
   if (!status || !status->isRegularFile()) return journal_.reset();  // a pipe would block
-  const auto record = decodeJournal(readAll(journal_.get(), status->size));
+  const std::uint64_t size = encodedSize(readAll(journal_.get(), journalHeadSize));
+  if (size == 0 || size > status->size) return;
+  const auto record = decodeJournal(readAll(journal_.get(), size));
   if (record && isInterruptedWrite(bytes_, *record)) put(*record);
 }
 
-void ContextFile::put(const JournalRecord& record) {
-  if (!writeAt(descriptor_, record.newBytes, record.start)) fail("write");
-  if (bytes_.size() > record.newLength && !truncateFile(descriptor_, record.newLength)) fail("ftruncate");
-  bytes_.resize(std::max<std::size_t>(bytes_.size(), record.newLength));
-  bytes_.replace(record.start, record.newBytes.size(), record.newBytes);
-  bytes_.resize(record.newLength);
+/// Puts the new bytes of a write in place. False, with the reason in errno, when the old ones are there again instead.
+bool ContextFile::put(const JournalRecord& record) {
+  if (replaceFrom(record.start, record.newBytes, record.newLength)) return true;
+  const int reason = errno;  // no space, say: the old bytes need none that they have not got
+  if (!replaceFrom(record.start, record.oldBytes, record.oldLength)) fail("write, and writing the old bytes again");
+  errno = reason;
+  return false;
+}
+
+/// Makes the file its bytes before `start`, those of `part`, and the rest of its own up to `length`.
+bool ContextFile::replaceFrom(std::uint64_t start, const std::string& part, std::uint64_t length) {
+  if (!writeAt(descriptor_, part, start)) return false;
+  const auto status = descriptorStatus(descriptor_);
+  if (!status || (status->size > length && !truncateFile(descriptor_, length))) return false;
+  bytes_.resize(std::max<std::size_t>(bytes_.size(), start + part.size()));
+  bytes_.replace(start, part.size(), part);
+  bytes_.resize(length);
+  return true;
 }
 
 void ContextFile::writeJournal(const JournalRecord& record) {
@@ -115,7 +130,7 @@ void ContextFile::write(const std::string& newBytes) {
   if (newBytes == bytes_) return;
   const JournalRecord record = makeRecord(newBytes, bytes_);
   if (status_.links != 0) writeJournal(record);
-  put(record);
+  if (!put(record)) fail("write");
 }
 
 void ContextFile::erase() {

@@ -18,7 +18,21 @@ struct Head {
   std::uint64_t oldPart = 0;
   std::uint64_t checksum = 0;  // of everything but itself
 };
-static_assert(sizeof(Head) == 64);
+static_assert(sizeof(Head) == journalHeadSize);
+
+constexpr std::uint64_t mostBytes = 1ULL << 62;  // more than any file: no sum of two overflows
+
+/// Absent for bytes that are too few, no head, or tell lengths that do not belong together.
+std::optional<Head> headOf(std::string_view bytes) {
+  Head head;
+  const auto magic = head.magic;
+  if (bytes.size() < sizeof head) return std::nullopt;
+  std::memcpy(&head, bytes.data(), sizeof head);
+  const bool fits = head.start <= std::min(head.newLength, head.oldLength) &&
+                    head.newPart <= head.newLength - head.start && head.oldPart <= head.oldLength - head.start &&
+                    std::max(head.newLength, head.oldLength) <= mostBytes;
+  return head.magic == magic && fits ? std::optional(head) : std::nullopt;
+}
 
 constexpr std::uint64_t mix(std::uint64_t hash, std::uint64_t word) {
   hash = (hash ^ word) * 0x9E3779B97F4A7C15U;
@@ -95,25 +109,22 @@ std::string encodeJournal(const JournalRecord& record) {
   return std::string(reinterpret_cast<const char*>(&head), sizeof head) + parts;
 }
 
+std::uint64_t encodedSize(std::string_view head) {
+  const auto read = headOf(head);
+  return read ? sizeof(Head) + read->newPart + read->oldPart : 0;
+}
+
 std::optional<JournalRecord> decodeJournal(std::string_view bytes) {
-  Head head;
-  const auto magic = head.magic;
-  if (bytes.size() < sizeof head) return std::nullopt;
-  std::memcpy(&head, bytes.data(), sizeof head);
-  bytes.remove_prefix(sizeof head);
-  if (head.magic != magic || head.newPart > bytes.size() || head.oldPart > bytes.size() - head.newPart)
-    return std::nullopt;
-  bytes = bytes.substr(0, head.newPart + head.oldPart);
-  if (checksumOf(head, bytes) != head.checksum) return std::nullopt;
-  if (head.start > std::min(head.newLength, head.oldLength) || head.newPart > head.newLength - head.start ||
-      head.oldPart > head.oldLength - head.start)
-    return std::nullopt;
-  return JournalRecord{head.newLength,
-                       head.oldLength,
-                       head.start,
-                       head.unchanged,
-                       std::string(bytes.substr(0, head.newPart)),
-                       std::string(bytes.substr(head.newPart))};
+  const auto head = headOf(bytes);
+  if (!head || encodedSize(bytes) > bytes.size()) return std::nullopt;
+  bytes = bytes.substr(sizeof(Head), head->newPart + head->oldPart);
+  if (checksumOf(*head, bytes) != head->checksum) return std::nullopt;
+  return JournalRecord{head->newLength,
+                       head->oldLength,
+                       head->start,
+                       head->unchanged,
+                       std::string(bytes.substr(0, head->newPart)),
+                       std::string(bytes.substr(head->newPart))};
 }
 
 bool isInterruptedWrite(std::string_view current, const JournalRecord& record) {

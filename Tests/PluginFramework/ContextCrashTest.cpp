@@ -1,6 +1,8 @@
 // What is left of a context when its writer, or the machine, stops at any step.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "Containers/PropertyList.h"
 #include "HostFixture.h"
 #include "PluginFramework/ContextStore.h"
 #include "SystemCallTrap.h"
@@ -295,6 +298,63 @@ TEST(ContextCrash, AFailingDiskLeavesTheOldOrTheNewContext) {
     EXPECT_TRUE(left == PlistValue("old") || left == text('n', 100)) << step;
     EXPECT_EQ(log.lines().size(), reached ? 1U : 0U) << "a write that failed is told";
   }
+}
+
+/// No file can grow beyond a size while this lives, as on a full disk.
+class SizeLimit {
+ public:
+  explicit SizeLimit(rlim_t bytes) : handler_(signal(SIGXFSZ, SIG_IGN)) {
+    getrlimit(RLIMIT_FSIZE, &former_);
+    const rlimit limit{bytes, former_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~SizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &former_);
+    signal(SIGXFSZ, handler_);
+  }
+  SizeLimit(const SizeLimit&) = delete;
+  SizeLimit& operator=(const SizeLimit&) = delete;
+
+ private:
+  rlimit former_{};
+  sighandler_t handler_;
+};
+
+TEST(ContextCrash, AFullDiskLeavesTheOldContext) {
+  const HostFixture host;
+  const std::string file = host.lockFile("dns");
+  testing::RecordingLog log;
+  const ScopedOverride<SystemLog> override(log);
+  // A change at the end of a large context: the journal fits where the file does not.
+  testing::writeFile(file, *writeBinaryPropertyList(PlistValue::dictionaryOf({{"base", text('b', 20'000)}})));
+  store(text('o', 100));
+  const std::string old = testing::readFile(file);
+  {
+    const SizeLimit limit(old.size() + 500);
+    store(text('n', 3000));
+    EXPECT_EQ(testing::readFile(file), old) << "not half of the new one";
+  }
+  ASSERT_EQ(log.lines().size(), 1U);
+  EXPECT_EQ(log.lines()[0], testing::logLine("exception in set_and_unlock_context: write: File too large\n"));
+
+  store(text('n', 3000));
+  testing::writeFile(file, testing::readFile(file).substr(0, old.size() + 100));
+  {
+    const SizeLimit limit(old.size() + 500);
+    EXPECT_EQ(load(), text('o', 100)) << "an interrupted write that cannot be completed is undone";
+  }
+  EXPECT_EQ(testing::readFile(file), old);
+  EXPECT_EQ(log.lines().size(), 1U);
+}
+
+TEST(ContextCrash, WhatALongerRecordLeftInTheJournalIsNotRead) {
+  const HostFixture host;
+  store("first");
+  store("second");
+  std::filesystem::resize_file(host.lockFile("dns") + ".journal", std::uintmax_t{1} << 40);  // takes no space
+  EXPECT_EQ(load(), PlistValue("second"));
+  store("third");
+  EXPECT_EQ(load(), PlistValue("third"));
 }
 
 TEST(ContextCrash, TheJournalIsNoMoreOpenThanTheFile) {

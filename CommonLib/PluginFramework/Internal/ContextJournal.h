@@ -1,6 +1,7 @@
 // The record beside a context file from which an interrupted write is completed. See ContextFile.h.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -22,9 +23,15 @@ struct JournalRecord {
 /// The record of replacing one content by another.
 JournalRecord makeRecord(std::string_view newContent, std::string_view oldContent);
 
-/// The record as bytes: a head of 64 bytes ("ostreljn", the numbers above, the lengths of both parts and a checksum
+/// The record as bytes: a head ("ostreljn", the numbers above, the lengths of both parts and a checksum
 /// over all, in the machine's byte order), the new bytes, the old bytes.
 std::string encodeJournal(const JournalRecord& record);
+
+inline constexpr std::size_t journalHeadSize = 64;
+
+/// How many bytes the record that begins with `head` takes; 0 when that is no head. What a longer record has left
+/// behind it need not be read.
+std::uint64_t encodedSize(std::string_view head);
 
 /// The record at the start of `bytes`, whatever follows it; absent when it is not whole.
 std::optional<JournalRecord> decodeJournal(std::string_view bytes);
