@@ -221,7 +221,11 @@ IoStatus OpenSslConnection::handshake() {
   ERR_clear_error();
   channel_.gathers = true;
   const int result = SSL_do_handshake(ssl_.get());
-  return result == 1 ? ioCompleted : statusOf(result);
+  if (result == 1) return ioCompleted;
+  const IoStatus status = statusOf(result);
+  // What is left unsent is the alert that tells the peer why.
+  if (status == ioFailed && channel_.writeStatus == ioCompleted) channel_.sendUnsent();
+  return status;
 }
 
 IoStatus OpenSslConnection::read(void* data, std::size_t* length) {

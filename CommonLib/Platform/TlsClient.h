@@ -55,8 +55,8 @@ class OSTREL_EXPORT TlsConnection {
   virtual ~TlsConnection() = default;
 
   /// Agrees on keys and checks the certificate. `ioWouldBlock`: call it again. A certificate that is not acceptable
-  /// gives `ioFailed`. Once it failed, everything but `close` fails too. Its last message may wait for the first
-  /// `write`, `read` or `close`, to travel with it.
+  /// gives `ioFailed`, and the peer is told. Once it failed, everything but `close` fails too. Its last message may
+  /// wait for the first `write`, `read` or `close`, to travel with it.
   virtual IoStatus handshake() = 0;
   /// Reads at most `*length` bytes: what there is of one record. `*length` becomes their number, which is 0 exactly
   /// when the status is not `ioCompleted`. `ioClosedGracefully` after the peer's notice, `ioClosedAbruptly` when the

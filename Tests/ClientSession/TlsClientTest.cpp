@@ -161,7 +161,7 @@ TEST(TlsClient, ReadGivesOneRecordAndWriteTakesEverything) {
   EXPECT_EQ(received, request);
 }
 
-// ---- callbacks that fail ----------------------------------------------------------------------------------------
+// Callbacks that fail.
 
 int readsLeft = 0;
 int readsAsked = 0;
@@ -212,9 +212,11 @@ TEST(TlsClient, StatusesOfTheCallbacksComeThrough) {
 }
 
 int writes = 0;
+std::string lastWritten;
 
 std::int32_t countingWrite(int connection, const void* data, std::size_t* count) {
   ++writes;
+  lastWritten.assign(static_cast<const char*>(data), *count);
   return _OstrelSocketBlockingWrite(connection, data, count);
 }
 
@@ -234,6 +236,14 @@ TEST(TlsClient, EndOfTheHandshakeTravelsWithTheFirstData) {
     EXPECT_EQ(client.readAll(), std::pair(std::string("hello"), ioClosedGracefully));
     EXPECT_EQ(writes, 2);  // the first message, and the last together with the data or before the first read
   }
+}
+
+TEST(TlsClient, ThePeerIsToldWhyItsCertificateIsRefused) {
+  ScriptedServer server(withCertificate(TestCertificates::shared().stranger, TLS1_2_VERSION), [](Peer&, int) {});
+  TlsClientOptions options;
+  options.write = countingWrite;
+  EXPECT_EQ(Client(server, options).shakeHands(), ioFailed);
+  EXPECT_EQ(lastWritten, std::string("\x15\x03\x03\x00\x02\x02\x30", 7));  // a fatal alert: unknown_ca
 }
 
 TEST(TlsClient, HandshakeGoesOnAfterWouldBlock) {
@@ -256,7 +266,7 @@ TEST(TlsClient, ConnectionWithoutCallbacksIsRefused) {
   EXPECT_EQ(status, ioFailed);
 }
 
-// ---- resumption -------------------------------------------------------------------------------------------------
+// Resumption.
 
 bool resumes(ScriptedServer& server, const TlsClientOptions& options) {
   Client client(server, options);
