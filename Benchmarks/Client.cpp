@@ -55,7 +55,7 @@ void require(bool succeeded, const char* what) {
   if (!succeeded) throw std::runtime_error(what);
 }
 
-// ---- the peers --------------------------------------------------------------------------------------------------
+// The peers.
 
 FileDescriptor connectTo(const SocketAddress& address) {
   FileDescriptor socket = openStreamSocket(AF_INET);
@@ -105,7 +105,7 @@ class BareTls {
   std::unique_ptr<SSL_SESSION, decltype(&SSL_SESSION_free)> session_{nullptr, SSL_SESSION_free};
 };
 
-// ---- measuring --------------------------------------------------------------------------------------------------
+// Measuring.
 
 struct Contender {
   std::function<void()> exchange;

@@ -27,7 +27,7 @@ std::optional<std::string> textOf(const PlistValue& value) {
 
 }  // namespace
 
-// ---- construction -----------------------------------------------------------------------------------------------
+// Construction.
 
 OstrelDaemonSession::OstrelDaemonSession(Private) {}
 OstrelDaemonSession::~OstrelDaemonSession() = default;
@@ -127,7 +127,7 @@ std::string OstrelDaemonSession::description() const {
   return text;
 }
 
-// ---- session identifier and life cycle --------------------------------------------------------------------------
+// Session identifier and life cycle.
 
 OstrelDaemonSession::Text OstrelDaemonSession::sessionID() const {
   const MutexLock lock(_sessionIDLock);
@@ -165,7 +165,7 @@ bool OstrelDaemonSession::didAuthenticationFail(const Text& reason) {
                     });
 }
 
-// ---- helpers of the exchange ------------------------------------------------------------------------------------
+// Helpers of the exchange.
 
 std::optional<CommandURL> OstrelDaemonSession::buildURL(const PlistValue& /*request*/, const Text& prefix,
                                                         const Text& protocol, const Text& host, const Text& port,

@@ -37,7 +37,7 @@ class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<Os
   using Text = std::optional<std::string>;
   using Target = std::shared_ptr<OstrelDaemonSessTarget>;
 
-  // ---- construction -------------------------------------------------------------------------------------------
+  // Construction.
 
   /// init: protocol "https", port "311", service "ostrel_sample", host "localhost"; nothing else is set.
   static std::shared_ptr<OstrelDaemonSession> init();
@@ -77,7 +77,7 @@ class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<Os
   /// first absent one.
   std::string description() const;
 
-  // ---- settings -----------------------------------------------------------------------------------------------
+  // Settings.
 
   const Text& protocol() const { return protocol_; }
   const Text& port() const { return port_; }
@@ -112,7 +112,7 @@ class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<Os
   /// Asynchronous requests accepted and neither completed nor cancelled.
   std::int32_t pendingRequestsCount() const { return _pendingRequestsCount; }
 
-  // ---- session identifier and life cycle ----------------------------------------------------------------------
+  // Session identifier and life cycle.
 
   /// sessionID: a copy of the identifier that the daemon handed out last.
   Text sessionID() const OSTREL_EXCLUDES(_sessionIDLock);
@@ -129,7 +129,7 @@ class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<Os
   /// areMultithreadedTransactionsDisabledForHost: what was set last.
   static bool areMultithreadedTransactionsDisabledForHost(const Text& host);
 
-  // ---- the synchronous interface (OstrelDaemonSessionSyncMethods) -------------------------------------------------
+  // The synchronous interface (OstrelDaemonSessionSyncMethods).
 
   /// sendSyncRequest:withURLPrefix:withPayloadType: (also `sendSyncRequest:` and `sendSyncRequest:withURLPrefix:`)
   /// sends `request` (dictionary, data or null) to the session's module, or to the URL `URLPrefix` when that is given,
@@ -142,7 +142,7 @@ class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<Os
   /// authenticateInSyncMode: an empty request, sent to have the credentials checked and an identifier issued.
   PlistValue authenticateInSyncMode();
 
-  // ---- helpers of the exchange --------------------------------------------------------------------------------
+  // Helpers of the exchange.
 
   /// buildURL:withPrefix:protocol:host:port:service: the URL `prefix`, or else protocol "://" host ":" port
   /// "/commands/" service. The request is not used. Absent when the text is no URL (see `CommandURL::parse`).
@@ -169,7 +169,7 @@ class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<Os
   /// `zeroConfName`, else "127.0.0.1". May block on the host's resolver.
   static std::string defaultHostNameWithResolve(bool resolve);
 
-  // ---- internal: for the transport and the asynchronous machinery ---------------------------------------------
+  // Internal: for the transport and the asynchronous machinery.
 
   /// _setSessionID: replaces the identifier; absent clears it.
   void _setSessionID(Text sessionID) OSTREL_EXCLUDES(_sessionIDLock);

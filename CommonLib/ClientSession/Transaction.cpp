@@ -109,7 +109,7 @@ void OstrelDaemonSession::_processOstrelDaemonSessTaskChildThread(const OstrelDa
   pending.finishWith(outcome.result);
 }
 
-// ---- the synchronous interface ----------------------------------------------------------------------------------
+// The synchronous interface.
 
 PlistValue OstrelDaemonSession::sendSyncRequest(const PlistValue& request, const Text& URLPrefix,
                                                 std::uint32_t payloadType) {

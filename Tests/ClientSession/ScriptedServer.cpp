@@ -14,8 +14,6 @@
 
 namespace ostrel::testing {
 
-// ---- Peer -------------------------------------------------------------------------------------------------------
-
 long Peer::receive(char* buffer, std::size_t size) {
   if (tls_ == nullptr) return receiveSome(socket_.get(), buffer, size);
   return SSL_read(tls_, buffer, static_cast<int>(size));
@@ -70,8 +68,6 @@ void Peer::waitForClose() {
   while (receiveSome(socket_.get(), buffer, sizeof buffer) > 0) {
   }
 }
-
-// ---- ScriptedServer ---------------------------------------------------------------------------------------------
 
 namespace {
 

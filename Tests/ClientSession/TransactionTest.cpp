@@ -81,7 +81,7 @@ TEST(Transaction, OutcomeOfTheLastRequestReplacesTheFormerOne) {
   EXPECT_EQ(daemon.session->failureReason(), std::nullopt);
 }
 
-// ---- one after another ------------------------------------------------------------------------------------------
+// One after another.
 
 class OneAfterAnother {
  public:

@@ -219,7 +219,7 @@ TEST_P(TransportTest, IdentifierFollowsTheDaemon) {
   }
 }
 
-// ---- connecting -------------------------------------------------------------------------------------------------
+// Connecting.
 
 TEST(Transport, PortAloneChoosesTls) {
   Daemon encrypted(Transport::tls, ScriptedServer::answering(stateReply));
