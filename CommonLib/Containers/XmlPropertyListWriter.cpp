@@ -257,7 +257,8 @@ void XmlWriter::writeData(std::string_view bytes, std::size_t depth) {
 }  // namespace detail
 
 std::optional<std::string> writeXmlPropertyList(const PlistValue& value) {
-  return detail::XmlWriter().writeDocument(value);
+  detail::XmlWriter writer;  // not `XmlWriter()`, which would clear its whole buffer first
+  return writer.writeDocument(value);
 }
 
 }  // namespace ostrel
