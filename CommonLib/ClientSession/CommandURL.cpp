@@ -65,7 +65,7 @@ std::optional<CommandURL> CommandURL::parse(std::string_view text) {
   const std::size_t schemeEnd = text.find("://");
   if (schemeEnd == std::string_view::npos || !isScheme(text.substr(0, schemeEnd))) return std::nullopt;
   std::string_view rest = text.substr(schemeEnd + 3);
-  rest = rest.substr(0, rest.find_first_of("?#"));
+  rest = rest.substr(0, std::min(rest.find('?'), rest.find('#')));
   const std::size_t slash = std::min(rest.find('/'), rest.size());
   const auto authority = parseAuthority(rest.substr(0, slash));
   if (!authority) return std::nullopt;

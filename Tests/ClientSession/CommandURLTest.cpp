@@ -23,7 +23,7 @@ TEST(CommandURL, TakesUrlsApart) {
   const std::vector<Case> cases = {
       {"https://localhost:311/commands/ostrel_sample", "localhost", "localhost", "311", 311, "/commands/ostrel_sample"},
       {"http://a.example/x/y?query=/z#fragment", "a.example", "a.example", "", 0, "/x/y"},
-      {"http://a.example:80?q", "a.example", "a.example", "80", 80, "/"},
+      {"http://a.example:80#f?q/", "a.example", "a.example", "80", 80, "/"},
       {"http://a.example:/x", "a.example", "a.example", "", 0, "/x"},
       {"http://user:secret@h:0311/x", "h", "h", "0311", 311, "/x"},
       {"https://[::1]:311/x", "::1", "[::1]", "311", 311, "/x"},
