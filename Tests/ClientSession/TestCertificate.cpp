@@ -58,8 +58,7 @@ const TestCertificates& TestCertificates::shared() {
   static const TestCertificates certificates;
   static const TemporaryFolder folder;
   static const bool stored = [] {
-    writeFile(folder / "roots.pem",
-              certificates.trusted.pem() + certificates.expired.pem() + certificates.otherHost.pem());
+    writeFile(folder / "roots.pem", certificates.trusted.pem() + certificates.expired.pem());
     return setenv("SSL_CERT_FILE", (folder / "roots.pem").c_str(), 1) == 0;
   }();
   require(stored);

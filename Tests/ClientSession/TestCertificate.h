@@ -28,15 +28,13 @@ class TestCertificate {
   std::unique_ptr<X509, decltype(&X509_free)> certificate_;
 };
 
-/// The certificates of a test program. `trusted`, `expired` and `otherHost` are in the store that verifying connections
-/// of this process read (SSL_CERT_FILE is set on the first call), `stranger` is not. All but `otherHost` are made out
-/// to localhost and 127.0.0.1.
+/// The certificates of a test program, all made out to localhost and 127.0.0.1. `trusted` and `expired` are in the
+/// store that verifying connections of this process read (SSL_CERT_FILE is set on the first call), `stranger` is not.
 struct TestCertificates {
   static const TestCertificates& shared();
 
   TestCertificate trusted{"DNS:localhost,IP:127.0.0.1"};
   TestCertificate expired{"DNS:localhost,IP:127.0.0.1", TestCertificate::Validity::expired};
-  TestCertificate otherHost{"DNS:elsewhere.example"};
   TestCertificate stranger{"DNS:localhost,IP:127.0.0.1"};
 };
 

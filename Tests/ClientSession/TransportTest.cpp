@@ -70,7 +70,7 @@ TEST_P(TransportTest, ReplyOfAnyShapeArrivesWhole) {
       EXPECT_EQ(daemon.session->sendSyncRequest(PlistValue::dictionaryOf({{"command", "getState"}})), runningState());
       EXPECT_EQ(daemon.session->status(), 1);
       EXPECT_EQ(failureOf(daemon.session), "none");
-      const PlistValue raw = daemon.session->sendSyncRequest({}, {}, rawPayload);
+      const PlistValue raw = daemon.session->sendSyncRequest({}, {}, 7);  // whatever is no dictionary
       ASSERT_TRUE(raw.isData());
       EXPECT_EQ(raw.dataBytes(), reply.substr(reply.find("\r\n\r\n") + 4));
     }
@@ -328,10 +328,8 @@ TEST(Transport, CertificateIsCheckedOnlyWhenAsked) {
     bool passesCheck;
   };
   for (const Case& test : {
-           Case{"trusted, by address", &all.trusted, "127.0.0.1", true},
-           Case{"trusted, by name", &all.trusted, "localhost", true},
-           Case{"trusted, for another name", &all.trusted, "daemon.example", false},
-           Case{"for another host", &all.otherHost, "127.0.0.1", false},
+           Case{"trusted", &all.trusted, "127.0.0.1", true},
+           Case{"for another host", &all.trusted, "daemon.example", false},
            Case{"expired", &all.expired, "127.0.0.1", false},
            Case{"unknown root", &all.stranger, "127.0.0.1", false},
        }) {
