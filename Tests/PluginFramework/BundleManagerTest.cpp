@@ -1,5 +1,6 @@
 #include "PluginFramework/BundleManager.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -16,6 +17,7 @@
 
 #include "Containers/PropertyList.h"
 #include "HostFixture.h"
+#include "Platform/FileDescriptor.h"
 #include "Platform/Mutex.h"
 #include "Platform/NotificationCenter.h"
 #include "PluginFramework/PluginRequestHandler.h"
@@ -300,8 +302,16 @@ TEST(BundleManager, LetsTheContextErrorThrough) {
   host.install("Good", "good.bundle");
   BundleManager manager;
   testing::SystemCallTrap::failStatus = true;
-  EXPECT_THROW(manager.doCommand(command("getState"), "good", nullptr), ContextError);
+  try {
+    manager.doCommand(command("getState"), "good", nullptr);
+    FAIL();
+  } catch (const ContextError& error) {
+    EXPECT_STREQ(error.name(), "contextError");
+    EXPECT_STREQ(error.what(), "getAndLockContext: error getting file mod date");
+  }
   EXPECT_EQ(manager.CopyOutstandingRequests().count(), 1U) << "the request holds the lock still";
+  const FileDescriptor other = openFile(host.lockFile("good"), O_RDWR);
+  EXPECT_FALSE(tryLockFile(other.get()));
 }
 
 TEST(DeadlockReport, TellsModuleRequestsAndHeap) {

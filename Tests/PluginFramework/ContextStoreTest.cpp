@@ -324,23 +324,6 @@ TEST(ContextStore, AModuleWhoseFileIsReadHoldsUpNoOther) {
   EXPECT_EQ(log.lines, 1);
 }
 
-TEST(ContextStore, RaisesWhenTheStatusIsUnreadable) {
-  const HostFixture host;
-  BundleManager manager;
-  int descriptor = -1;
-  bool timedOut = false;
-  SystemCallTrap::failStatus = true;
-  try {
-    manager.getAndLockContext("dns", &descriptor, &timedOut);
-    FAIL();
-  } catch (const ContextError& error) {
-    EXPECT_STREQ(error.name(), "contextError");
-    EXPECT_STREQ(error.what(), "getAndLockContext: error getting file mod date");
-  }
-  ASSERT_GE(descriptor, 0) << "the lock stays held";
-  manager.setAndUnlockContext(nullptr, "dns", &descriptor);
-}
-
 TEST(ContextStore, TwoProcessesTakeTurns) {
   const HostFixture host;
   constexpr int rounds = 200;

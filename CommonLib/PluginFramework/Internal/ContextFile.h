@@ -21,8 +21,9 @@ namespace ostrel::detail {
 //
 // Whoever reads or writes the file, with the lock held, looks at the journal first. The write in it was interrupted
 // when the record is intact and the file is neither its old nor its new bytes but, byte for byte, a mixture of the two;
-// the new bytes are then put in place. In every other case the file is a whole context and is left alone: a journal
-// that is torn, or is older than what somebody else wrote or restored since, damages nothing.
+// the new bytes are then put in place or, where the disk has no room for them, the old ones. In every other case the
+// file is a whole context and is left alone: a journal that is torn, or is older than what somebody else wrote or
+// restored since, damages nothing.
 //
 // The journal stays, to be overwritten by the next write: making and removing it each time would cost more, and the
 // comparison above makes a leftover harmless. It has the owner and mode of the file, since it holds the same data.
@@ -44,8 +45,8 @@ int openContextFile(const std::string& path, bool exactMode);
 PlistValue readContext(int descriptor);
 
 /// Archives the context and writes it as described above. Absent on success; otherwise the reason in words, and the
-/// file is as it was. Without the right to make the journal (a program that may write the file but not its folder)
-/// the file is written without one.
+/// file is as it was (when even that cannot be written: once it is read next). Without the right to make the journal (a
+/// program that may write the file but not its folder) the file is written without one.
 std::optional<std::string> writeContext(int descriptor, const PlistValue& context);
 
 /// Makes the file empty. Absent on success, otherwise the reason in words.
