@@ -73,12 +73,14 @@ OSTREL_EXPORT std::uint32_t* do_convert_int_nsarray2carray(const PlistValue& arr
 
 // Both return an error code or nullptr for success, and give memory from malloc(3) that the caller frees.
 
-/// Two upper-case digits a byte and a NUL. Fails with CANNOT_MALLOC_ERR, leaving `outText` null.
+/// Two upper-case digits a byte and a NUL. `bytes` may be null when `length` is 0. Fails with CANNOT_MALLOC_ERR,
+/// leaving `outText` null.
 OSTREL_EXPORT const char* hexencode_buffer(const void* bytes, std::size_t length, char*& outText);
 
-/// Decodes pairs of digits; white space and control characters between pairs are skipped, and a lone character before
-/// them is dropped. Other characters are not refused: they give what the arithmetic gives. A text beyond 2 MiB and 4
-/// characters fails with CANNOT_MALLOC_ERR. On failure `outBytes` is null and `outLength` is left alone.
+/// Decodes pairs of digits of a text that ends with a NUL (not null); white space and control characters between pairs
+/// are skipped, and a lone character before them is dropped. Other characters are not refused: they give what the
+/// arithmetic gives. A text beyond 2 MiB and 4 characters fails with CANNOT_MALLOC_ERR. On failure `outBytes` is null
+/// and `outLength` is left alone.
 OSTREL_EXPORT const char* hexdecode_buffer(const char* text, unsigned char*& outBytes, std::size_t& outLength);
 
 // Diagnostic printers of modules' command lines: to standard output, always 0.

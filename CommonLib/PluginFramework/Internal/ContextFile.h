@@ -26,7 +26,8 @@ namespace ostrel::detail {
 // restored since, damages nothing.
 //
 // The journal stays, to be overwritten by the next write: making and removing it each time would cost more, and the
-// comparison above makes a leftover harmless. It has the owner and mode of the file, since it holds the same data.
+// comparison above makes a leftover harmless. It has the mode of the file, since it holds the same data, and its
+// owner where the writer may give that.
 //
 // Threads: every function may be called from any thread; the caller holds the file's lock. Each may block on the disk.
 
