@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <compare>
 #include <cstdlib>
 #include <optional>
 #include <utility>
@@ -34,7 +35,7 @@ bool lessIgnoringCase(const std::string& left, const std::string& right) {
   const auto lower = [](char c) { return std::tolower(static_cast<unsigned char>(c)); };
   const auto order = std::lexicographical_compare_three_way(left.begin(), left.end(), right.begin(), right.end(),
                                                             [&](char a, char b) { return lower(a) <=> lower(b); });
-  return order != 0 ? order < 0 : left < right;
+  return std::is_neq(order) ? std::is_lt(order) : left < right;
 }
 
 }  // namespace
