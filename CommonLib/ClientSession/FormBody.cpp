@@ -1,6 +1,8 @@
 #include "ClientSession/FormBody.h"
 
 #include <array>
+#include <cstdint>
+#include <cstring>
 
 namespace ostrel {
 namespace {
@@ -10,30 +12,32 @@ namespace {
 constexpr std::string_view plainCharacters =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.!~*'();?:@=$,";
 
-constexpr std::array<bool, 256> makePlainTable() {
-  std::array<bool, 256> table{};
-  for (const char character : plainCharacters) table[static_cast<unsigned char>(character)] = true;
+/// What one byte becomes: one or three characters.
+struct Written {
+  char text[3];
+  std::uint8_t length;
+};
+
+constexpr std::array<Written, 256> makeTable() {
+  constexpr char digits[] = "0123456789ABCDEF";
+  std::array<Written, 256> table{};
+  for (unsigned byte = 0; byte < table.size(); ++byte) table[byte] = {{'%', digits[byte >> 4U], digits[byte & 15U]}, 3};
+  for (const char character : plainCharacters) table[static_cast<unsigned char>(character)] = {{character, 0, 0}, 1};
   return table;
 }
-constexpr std::array<bool, 256> isPlain = makePlainTable();
+constexpr std::array<Written, 256> writtenForms = makeTable();
 
 }  // namespace
 
 std::string encodeFormBody(std::string_view text) {
-  constexpr char digits[] = "0123456789ABCDEF";
   constexpr std::string_view field = "input=";
   std::string body(field);
-  body.resize(field.size() + 3 * text.size());  // were every byte escaped
+  body.resize(field.size() + 3 * text.size() + sizeof(Written));  // were every byte escaped
   char* out = body.data() + field.size();
   for (const char character : text) {
-    const auto byte = static_cast<unsigned char>(character);
-    if (isPlain[byte]) {
-      *out++ = character;
-      continue;
-    }
-    *out++ = '%';
-    *out++ = digits[byte >> 4U];
-    *out++ = digits[byte & 15U];
+    const Written& written = writtenForms[static_cast<unsigned char>(character)];
+    std::memcpy(out, &written, sizeof written);  // always the whole entry: no branch that escapes would mispredict
+    out += written.length;
   }
   body.resize(static_cast<std::size_t>(out - body.data()));
   return body;
