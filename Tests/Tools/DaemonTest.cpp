@@ -22,6 +22,7 @@ using ::testing::Not;
 using testing::readFile;
 using testing::runProgram;
 using ::testing::SizeIs;
+using std::string_literals::operator""s;
 using Transport = DaemonProcess::Transport;
 
 PlistValue command(const char* name) { return PlistValue::dictionaryOf({{"command", name}}); }
@@ -221,6 +222,35 @@ TEST(Daemon, NeverMakesAPlainReplyThatClientsTakeForABrokenConnection) {
     padded |= reply.find("X-Padding") != std::string::npos;
   }
   EXPECT_TRUE(padded);
+}
+
+/// Clients look for the head in the first piece that they read, and lose the reply when that ends within a character.
+void expectRepliesInEveryScript(const DaemonProcess& daemon) {
+  for (const std::string& character : {"\u00e9"s, "\u6771"s, "\U0001F5A8"s}) {
+    std::string rest;
+    while (rest.size() < 40'000) rest += character;
+    for (std::size_t shift = 0; shift < 12; ++shift) {
+      const std::string text = std::string(shift, 'a') + rest;
+      ASSERT_TRUE(daemon.echo(text).stringValue() == text) << character << " after " << shift;
+    }
+    for (std::size_t size = 6000; size < 9000; size += 127) {  // around the end of the first piece
+      const std::string text = rest.substr(0, size - size % character.size());
+      ASSERT_TRUE(daemon.echo(text).stringValue() == text) << size << " bytes of " << character;
+    }
+  }
+}
+
+TEST(Daemon, RepliesInEveryScriptOverPlainTcp) {
+  DaemonProcess daemon(Transport::plain);
+  ASSERT_TRUE(daemon.start()) << daemon.log();
+  expectRepliesInEveryScript(daemon);
+}
+
+TEST(Daemon, RepliesInEveryScriptOverTls) {
+  REQUIRE_TLS_PORT();
+  DaemonProcess daemon(Transport::tls);
+  ASSERT_TRUE(daemon.start()) << daemon.log();
+  expectRepliesInEveryScript(daemon);
 }
 
 TEST(Daemon, SaysWhyItDoesNotStart) {

@@ -8,6 +8,7 @@
 #include "Platform/Clock.h"
 #include "Platform/SystemLog.h"
 #include "PluginFramework/Envelope.h"
+#include "ostreld/AsciiXml.h"
 #include "ostreld/RequestSyntax.h"
 
 namespace ostrel {
@@ -146,7 +147,8 @@ Reply CommandExchange::documentOf(const PlistValue& response) {
     record_.outcome =
         format("error %s", response.isNull() ? errors::unexpectedCommand : errors::cannotCreateXmlResponse);
   }
-  reply.body = document.dataBytes();
+  // Clients look for the reply's head in its first piece, which has to be whole UTF-8 wherever it ends.
+  reply.body = asciiXml(document.dataBytes());
   return reply;
 }
 
