@@ -88,6 +88,32 @@ TEST(RequestSyntax, ReadsBackWhatTheClientWrites) {
   EXPECT_EQ(readFormBody(OstrelDaemonSession::encodeRequest(PlistData{text})).input, text);
 }
 
+TEST(RequestSyntax, RefusesHeadsThatTwoReadersMayTakeDifferently) {
+  using Headers = std::vector<HeaderField>;
+  const Headers sound[] = {
+      {},
+      {{"Host", "h:1"}, {"Host", "h:2"}, {"HTTP_USER_AGENT", "a\tb \xc3\xa9"}, {"X", ""}},
+      {{"Content-Length", "5"}, {"OstrelSessionID", "a@b"}, {"Authorization", "Basic YTpi"}},
+      {{"transfer-encoding", "Chunked"}},
+  };
+  for (const Headers& headers : sound) EXPECT_EQ(judgeHeaders(headers), RequestFault::none) << headers.size();
+  const Headers bad[] = {
+      {{"Content-Length", "5"}, {"content-length", "5"}},
+      {{"Content-Length", "5"}, {"Transfer-Encoding", "chunked"}},
+      {{"Transfer-Encoding", "chunked"}, {"Transfer-Encoding", "chunked"}},
+      {{"Transfer-Encoding", "gzip, chunked"}},
+      {{"OstrelSessionID", "a"}, {"ostrelsessionid", "b"}},
+      {{"Authorization", "a"}, {"Authorization", "a"}},
+      {{"Content-Length ", "5"}},
+      {{" Content-Length", "5"}},
+      {{"Content-Length\r\n 5", ""}},
+      {{"", "x"}},
+      {{"X", "a\rContent-Length: 5"}},
+      {{"X", std::string_view("a\0b", 3)}},
+  };
+  for (const Headers& headers : bad) EXPECT_EQ(judgeHeaders(headers), RequestFault::badHeader) << headers[0].name;
+}
+
 TEST(AuditLine, CannotBeForgedOrBlownUp) {
   AuditRecord record{.who = "root",
                      .from = "127.0.0.1:5",

@@ -9,7 +9,6 @@
 #include "Platform/SystemLog.h"
 #include "PluginFramework/Envelope.h"
 #include "ostreld/AsciiXml.h"
-#include "ostreld/RequestSyntax.h"
 
 namespace ostrel {
 namespace {
@@ -41,6 +40,8 @@ const char* reasonOf(RequestFault fault) {
       return "wrong path";
     case RequestFault::repeatedInput:
       return "repeated input";
+    case RequestFault::badHeader:
+      return "bad header";
     default:
       return "no input";
   }
@@ -58,6 +59,7 @@ void CommandExchange::judge(const RequestHead& head) {
   const CommandPath path = readCommandPath(head.path);
   record_.module = path.module;
   if (head.bytes > rules_.maximumHead) return refuse(431, "head too large");
+  if (head.headers != RequestFault::none) return refuse(400, reasonOf(head.headers));
   if (head.method != "POST") return refuse(405, "wrong method");
   if (path.fault == RequestFault::badEscape) return refuse(400, reasonOf(path.fault));
   if (path.fault != RequestFault::none) return refuse(404, reasonOf(path.fault));

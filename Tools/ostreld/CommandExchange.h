@@ -13,6 +13,7 @@
 #include "Containers/PlistValue.h"
 #include "ostreld/AuditLine.h"
 #include "ostreld/Authenticator.h"
+#include "ostreld/RequestSyntax.h"
 
 namespace ostrel {
 
@@ -34,6 +35,7 @@ struct RequestHead {
   std::string_view method;
   std::string_view path;  ///< as it was sent, without the query
   std::size_t bytes = 0;  ///< of the whole head
+  RequestFault headers = RequestFault::none;
   std::optional<std::uint64_t> contentLength;
   std::string_view sessionIdentifier;  ///< "" when the header is absent; so below
   std::string_view authorization;

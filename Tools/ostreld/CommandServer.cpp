@@ -90,6 +90,17 @@ std::string_view headerOf(MHD_Connection* connection, const char* name) {
   return textOf(MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name));
 }
 
+std::vector<HeaderField> headersOf(MHD_Connection* connection) {
+  std::vector<HeaderField> headers;
+  const auto add = [](void* list, MHD_ValueKind, const char* name, std::size_t nameSize, const char* value,
+                      std::size_t valueSize) {
+    static_cast<std::vector<HeaderField>*>(list)->push_back({{name, nameSize}, {value, valueSize}});
+    return MHD_YES;
+  };
+  MHD_get_connection_values_n(connection, MHD_HEADER_KIND, add, &headers);
+  return headers;
+}
+
 /// A number too large to hold counts as the largest: it is above every limit. The HTTP library refuses what is none.
 std::optional<std::uint64_t> contentLengthOf(MHD_Connection* connection) {
   const std::string_view text = headerOf(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
@@ -249,14 +260,16 @@ MHD_Result HttpCommandServer::handle(MHD_Connection* connection, std::string_vie
         .method = method,
         .path = path,
         .bytes = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_REQUEST_HEADER_SIZE)->header_size,
+        .headers = judgeHeaders(headersOf(connection)),
         .contentLength = contentLengthOf(connection),
         .sessionIdentifier = headerOf(connection, "OstrelSessionID"),
         .authorization = headerOf(connection, MHD_HTTP_HEADER_AUTHORIZATION)};
     current = new CommandExchange(rules_, entryOf(connection)->from, head);
     *exchange = current;
     // A refused client that waits for leave to send its body is told at once. Others send it whatever we say, and
-    // would miss the reply if the connection closed while they do: their bytes are read and dropped first.
-    const bool waits = !headerOf(connection, MHD_HTTP_HEADER_EXPECT).empty();
+    // would miss the reply if the connection closed while they do: their bytes are read and dropped first. Where the
+    // body ends is unknown when the headers are at odds.
+    const bool waits = !headerOf(connection, MHD_HTTP_HEADER_EXPECT).empty() || head.headers != RequestFault::none;
     return current->isRefused() && waits ? send(connection, *current) : MHD_YES;
   }
   if (current->isFinished()) return MHD_YES;

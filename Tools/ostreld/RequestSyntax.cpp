@@ -18,6 +18,28 @@ int hexadecimalDigit(char c) {
   return -1;
 }
 
+char lowerCase(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+bool equalIgnoringCase(std::string_view left, std::string_view right) {
+  return std::ranges::equal(left, right, {}, lowerCase, lowerCase);
+}
+
+/// RFC 9110, section 5.6.2.
+bool isToken(std::string_view text) {
+  static constexpr std::string_view others = "!#$%&'*+-.^_`|~";
+  return !text.empty() && std::ranges::all_of(text, [](char c) {
+    const char lower = lowerCase(c);
+    return (lower >= 'a' && lower <= 'z') || (c >= '0' && c <= '9') || others.find(c) != std::string_view::npos;
+  });
+}
+
+bool isFieldValue(std::string_view text) {
+  return std::ranges::none_of(text, [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return (byte < 0x20 && c != '\t') || byte == 0x7F;
+  });
+}
+
 bool namesAModule(const std::string& name) {
   return !name.empty() && name.size() <= longestModuleName && isValidUtf8(name) &&
          name.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
@@ -41,6 +63,20 @@ std::optional<std::string> percentDecode(std::string_view text, bool plusIsSpace
     i += 2;
   }
   return decoded;
+}
+
+RequestFault judgeHeaders(std::span<const HeaderField> headers) {
+  const auto count = [headers](std::string_view name) {
+    return std::ranges::count_if(headers,
+                                 [name](const HeaderField& field) { return equalIgnoringCase(field.name, name); });
+  };
+  const bool allSound = std::ranges::all_of(headers, [](const HeaderField& field) {
+    return isToken(field.name) && isFieldValue(field.value) &&
+           (!equalIgnoringCase(field.name, "Transfer-Encoding") || equalIgnoringCase(field.value, "chunked"));
+  });
+  const bool oneBody = count("Content-Length") + count("Transfer-Encoding") <= 1;
+  const bool oneCaller = count("OstrelSessionID") <= 1 && count("Authorization") <= 1;
+  return allSound && oneBody && oneCaller ? RequestFault::none : RequestFault::badHeader;
 }
 
 CommandPath readCommandPath(std::string_view path) {

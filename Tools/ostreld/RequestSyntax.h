@@ -2,6 +2,7 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -18,7 +19,20 @@ enum class RequestFault {
   wrongPath,      ///< not "/commands/" and one name of 1 to 255 bytes of UTF-8 without "/" or NUL
   noInput,        ///< a form without the field "input"
   repeatedInput,  ///< a form with two of them: which one counts would be a guess
+  badHeader,      ///< a head that two readers may understand differently
 };
+
+/// One field of a request's head.
+struct HeaderField {
+  std::string_view name;
+  std::string_view value;
+};
+
+/// Whether a head leaves no doubt about where the body ends and who the caller is (RFC 9112, sections 5 and 6): names
+/// are tokens, values hold no control characters, "Content-Length", "Transfer-Encoding", "OstrelSessionID" and
+/// "Authorization" stand there once at most, the first two not together, and the only encoding is "chunked".
+/// `badHeader` otherwise.
+RequestFault judgeHeaders(std::span<const HeaderField> headers);
 
 /// The module that an absolute request path names. The path comes as it was sent, without its query.
 struct CommandPath {
