@@ -163,6 +163,20 @@ TEST(Daemon, GivesUpOnARequestThatOutlastsTheStop) {
   client.join();
 }
 
+TEST(Daemon, StopsAtOnceWhenItIsToldTwice) {
+  DaemonProcess daemon(Transport::plain);
+  ASSERT_TRUE(daemon.start({"--stop-time", "600"})) << daemon.log();
+  const auto session = daemon.session("ostrel_test");
+  std::thread client([&] { session->sendSyncRequest(sleepFor(600)); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  daemon.child().send(SIGTERM);
+  // Also within the second that clients who are sending get.
+  EXPECT_TRUE(eventually([&daemon] { return daemon.log().find("stopping: ") != std::string::npos; }));
+  EXPECT_EQ(daemon.stop(), 1);
+  daemon.child().send(SIGKILL);
+  client.join();
+}
+
 TEST(Daemon, LetsNobodyInWithoutTheIdentifier) {
   DaemonProcess daemon(Transport::plain);
   ASSERT_TRUE(daemon.start()) << daemon.log();

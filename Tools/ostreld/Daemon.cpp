@@ -120,14 +120,17 @@ void serve(CommandServer& server, const StopSignals& signals) {
   while (!signals.arrivedWithin(tick)) server.connections().cutOverdue();
 }
 
-/// Waits until no connection is left. False when the time is up or a second signal asks not to wait.
-bool drain(CommandServer& server, const StopSignals& signals, milliseconds limit) {
+enum class Drained { all, notInTime, toldNotToWait };
+
+/// Waits until no connection is left, the time is up or a second signal comes.
+Drained drain(CommandServer& server, const StopSignals& signals, milliseconds limit) {
   const auto end = steady_clock::now() + limit;
   while (server.connections().count() > 0) {
-    if (steady_clock::now() >= end || signals.arrivedWithin(milliseconds(10))) return false;
+    if (steady_clock::now() >= end) return Drained::notInTime;
+    if (signals.arrivedWithin(milliseconds(10))) return Drained::toldNotToWait;
     server.connections().cutOverdue();
   }
-  return true;
+  return Drained::all;
 }
 
 /// Running requests finish and their replies go out. True when all did.
@@ -135,9 +138,10 @@ bool stop(CommandServer& server, const StopSignals& signals, milliseconds limit)
   notifyServiceManager("STOPPING=1");
   logNotice("[%d] stopping: %d open connections", processId(), server.connections().count());
   server.stopListening();
-  if (drain(server, signals, std::min(stopGrace, limit))) return true;
+  const Drained politely = drain(server, signals, std::min(stopGrace, limit));
+  if (politely != Drained::notInTime) return politely == Drained::all;
   server.connections().cutReceiving();
-  return drain(server, signals, limit);
+  return drain(server, signals, limit) == Drained::all;
 }
 
 }  // namespace
