@@ -168,5 +168,20 @@ TEST(DaemonBadInput, AThousandConnections) {
   EXPECT_EQ(daemon.stop(), 0);
 }
 
+TEST(DaemonBadInput, MoreConnectionsThanOpenFiles) {
+  DaemonProcess daemon(Transport::plain);
+  daemon.startThrough({"/bin/sh", "-c", "ulimit -n 64; exec \"$@\"", "sh"});
+  ASSERT_TRUE(daemon.start()) << daemon.log();
+  EXPECT_THAT(daemon.log(), HasSubstr("16 connections at once instead of 256: the limit on open files is 64"));
+  {
+    std::vector<std::unique_ptr<RawConnection>> crowd;
+    for (int i = 0; i < 60; ++i) crowd.push_back(std::make_unique<RawConnection>(daemon.host(), daemon.port()));
+    // Each is taken, or refused with its line; none waits for a descriptor.
+    EXPECT_TRUE(eventually([&] { return daemon.auditLines().size() == 44; })) << daemon.auditLines().size();
+  }
+  EXPECT_TRUE(eventually([&daemon] { return daemon.echo("x").stringValue() == "x"; }));
+  EXPECT_EQ(daemon.stop(), 0);
+}
+
 }  // namespace
 }  // namespace ostrel

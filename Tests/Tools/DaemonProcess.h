@@ -110,11 +110,15 @@ class DaemonProcess {
     return command;
   }
 
+  /// Starts it from now on by way of this command, which the daemon's own follows.
+  void startThrough(std::vector<std::string> command) { launcher_ = std::move(command); }
   /// Starts the daemon; whether it says where it listens.
   bool start(std::vector<std::string> options = {}, const std::vector<std::string>& environment = {}) {
     std::filesystem::remove(endpointFile());
     options.insert(options.begin(), "--foreground");
-    child_ = std::make_unique<ChildProcess>(commandLine(options), root() + "/output", logFile(), environment);
+    std::vector<std::string> command = commandLine(options);
+    command.insert(command.begin(), launcher_.begin(), launcher_.end());
+    child_ = std::make_unique<ChildProcess>(command, root() + "/output", logFile(), environment);
     const bool listens = eventually([this] { return std::filesystem::exists(endpointFile()) || child_->hasEnded(); }) &&
                          std::filesystem::exists(endpointFile());
     if (listens) std::istringstream(readFile(endpointFile())) >> endpointHost_ >> port_;
@@ -179,6 +183,7 @@ class DaemonProcess {
 
   const Transport transport_;
   TemporaryFolder folder_;
+  std::vector<std::string> launcher_;
   std::unique_ptr<ChildProcess> child_;
   std::string endpointHost_;
   int port_ = 0;

@@ -40,6 +40,8 @@ using std::chrono::steady_clock;
 constexpr milliseconds tick{100};
 constexpr milliseconds stopGrace{1000};
 
+constexpr rlim_t descriptorsOfOurOwn = 32;
+
 int failToStart(const std::string& fault) {
   std::fprintf(stderr, "ostreld: %s\n", fault.c_str());
   logAt(LogLevel::error, "[%d] ostreld cannot start: %s", processId(), fault);
@@ -69,12 +71,19 @@ class StopSignals {
   sigset_t set_;
 };
 
-/// Each connection takes a descriptor and each running command at least one more.
-void raiseDescriptorLimit() {
+/// Raises the limit on open files as far as allowed. Each connection takes a descriptor and the command that it runs at
+/// least one more: without them connections could be neither served nor refused, so there are fewer if need be.
+void fitIntoDescriptorLimit(ConnectionLimits& connections) {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
   limit.rlim_cur = limit.rlim_max;
   setrlimit(RLIMIT_NOFILE, &limit);
+  const rlim_t room = limit.rlim_max - std::min(limit.rlim_max, descriptorsOfOurOwn);
+  const auto possible = static_cast<std::size_t>(std::max<rlim_t>(room / 2, 1));
+  if (connections.total <= possible) return;
+  logAt(LogLevel::warning, "[%d] %d connections at once instead of %d: the limit on open files is %d", processId(),
+        possible, connections.total, limit.rlim_max);
+  connections.total = possible;
 }
 
 std::string hostName() {
@@ -153,7 +162,6 @@ int runDaemon(const DaemonOptions& options) {
   if (!options.foreground) background = Background::enter();
   openlog("ostreld", 0, LOG_USER);
   const StopSignals signals;
-  raiseDescriptorLimit();
   ConsoleLog console(SystemLog::current());
   std::optional<ScopedOverride<SystemLog>> shown;
   if (options.foreground) shown.emplace(console);
@@ -175,7 +183,9 @@ int runDaemon(const DaemonOptions& options) {
                         return modules.doCommand(request, module, user);
                       },
                       options.maximumHead, options.maximumBody};
-  auto server = CommandServer::start({options.address, tls, options.connections}, std::move(rules), fault);
+  ConnectionLimits connections = options.connections;
+  fitIntoDescriptorLimit(connections);
+  auto server = CommandServer::start({options.address, tls, connections}, std::move(rules), fault);
   if (!server) return failToStart(fault);
   if (!files->publish(*session, server->address(), fault)) return failToStart(fault);
   announce(options, *server, tls, modules);
