@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -19,6 +20,8 @@ namespace {
 constexpr std::size_t tokenLength = 32;
 
 bool isLetterOrDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
+
+bool isPlain(char c) { return c > ' ' && c <= '~' && c != '@'; }
 
 /// Bytes that are no letter or digit are dropped, not mapped: each character stays equally likely.
 std::optional<std::string> randomToken() {
@@ -52,8 +55,8 @@ std::optional<std::string> makeSessionIdentifier() {
   const auto user = UserDatabase::current().userWithId(geteuid());
   const auto token = randomToken();
   if (!token) return std::nullopt;
-  // A user without a name is told by number; the name of one that holds "@" would end there.
-  const bool named = user && !user->name.empty() && user->name.find('@') == std::string::npos;
+  // A user without a name is told by number, and so is one whose name would end early or not fit a header's word.
+  const bool named = user && !user->name.empty() && std::ranges::all_of(user->name, isPlain);
   return (named ? user->name : format("%d", geteuid())) + "@" + *token;
 }
 
