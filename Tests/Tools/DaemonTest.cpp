@@ -309,6 +309,16 @@ TEST(Daemon, SaysWhyItDoesNotStart) {
     EXPECT_EQ(outcome.status, c.status) << c.options[0];
     EXPECT_THAT(outcome.errors, HasSubstr(c.errors)) << c.options[0];
   }
+  for (const char* folder : {"/var/ostreld", "/private/var/ostreld"}) {
+    const testing::TemporaryFolder open;
+    const std::filesystem::path path = open.path() + folder;
+    std::filesystem::create_directories(path);
+    std::filesystem::permissions(path, std::filesystem::perms::group_write, std::filesystem::perm_options::add);
+    const auto refused = attempt({OSTRELD_PROGRAM, "--plain", "--port", "0", "--root", open.path()});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.errors, HasSubstr(path.string() + " may be written by others")) << folder;
+  }
+  EXPECT_EQ(attempt({OSTRELD_PROGRAM, "--plain", "--port", "0", "--root", ""}).status, 2);
   EXPECT_EQ(with({"--root", "/dev/null/x"}).status, 2);  // given twice
   EXPECT_THAT(attempt({OSTRELD_PROGRAM, "--root", "/dev/null/x"}).errors, HasSubstr("cannot make the folder"));
   EXPECT_THAT(with({"--help"}).output, HasSubstr("--max-connections-per-peer"));

@@ -44,7 +44,10 @@ std::optional<DaemonOptions> readOptions(int argc, const char* const* argv, int&
   app.footer(signals);
   app.get_formatter()->column_width(36);
   app.option_defaults()->always_capture_default();
-  app.add_option("--root", options.root, "Folder below which every file of the daemon lies")->type_name("DIR");
+  // An empty one is a variable that was not set: it must not mean the machine's own root.
+  app.add_option("--root", options.root, "Folder below which every file of the daemon lies")
+      ->type_name("DIR")
+      ->check([](const std::string& folder) { return std::string(folder.empty() ? "names no folder" : ""); });
   app.add_option("--bind", bind, "Numeric address to listen on")->type_name("ADDRESS");
   app.add_option("--port", port, "Port to listen on; 0: the kernel picks one, see /var/ostreld/endpoint");
   app.add_flag("--plain", options.plain,

@@ -36,10 +36,21 @@ std::optional<std::string> randomToken() {
   return token;
 }
 
+constexpr mode_t writableByOthers = 0022;
+
+/// Whoever can write such a folder can put another session, address or context in place of the daemon's.
 bool makeFolder(const char* path, mode_t mode, std::string& fault) {
   const std::string folder = hostPath(path);
-  if (makeDirectories(folder, mode)) return true;
-  fault = format("cannot make the folder %s: %s", folder, std::strerror(errno));
+  const auto status = makeDirectories(folder, mode) ? fileStatus(folder) : std::nullopt;
+  if (!status) {
+    fault = format("cannot make the folder %s: %s", folder, std::strerror(errno));
+  } else if (status->user != 0 && status->user != geteuid()) {
+    fault = format("the folder %s belongs to another user (%u): chown it", folder, status->user);
+  } else if ((status->mode & writableByOthers) != 0) {
+    fault = format("the folder %s may be written by others than its owner: chmod go-w it", folder);
+  } else {
+    return true;
+  }
   return false;
 }
 
