@@ -299,6 +299,8 @@ TEST(Daemon, SaysWhyItDoesNotStart) {
       {{"--bind", "localhost"}, 2, "numeric"},
       {{"--port", "65536"}, 2, "--port"},
       {{"--max-body", "-1"}, 2, "--max-body"},
+      {{"--request-time", "nan"}, 2, "--request-time"},
+      {{"--stop-time", "1e9"}, 2, "--stop-time"},
       {{"--certificate", "/dev/null"}, 2, "--key"},
       {{"--certificate", "/dev/null", "--key", "/dev/null", "--port", "0"}, 1, "/dev/null holds no certificate"},
       {{"--bind", "192.0.2.77", "--port", "0"}, 1, "--bind"},

@@ -2,6 +2,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "Shared/NumberRange.h"
+
 namespace ostrel {
 namespace {
 
@@ -64,7 +66,7 @@ std::optional<ControlOptions> readControlOptions(int argc, const char* const* ar
                "Accept any certificate, and send credentials to other machines in the clear")
       ->excludes(verify);
   app.add_option("--timeout", options.timeout, "Seconds to wait for the reply; 0: without limit")
-      ->check(CLI::Range(0.0, 1e6))
+      ->check(numberRange(0, 1e6))
       ->capture_default_str();
 
   auto* output =

@@ -68,6 +68,9 @@ int run(const ControlOptions& options) {
   std::string fault;
   const auto request = requestFromWords(options.command, options.words, fault);
   if (!request) return fail(wrongUsage, fault);
+  // Sent all the same, it would be an empty request, which asks nothing and succeeds.
+  if (!writeXmlPropertyList(*request))
+    return fail(wrongUsage, "the command or an argument holds what XML cannot carry");
   const auto session = sessionFor(options, fault);
   if (!session) return fail(wrongUsage, fault);
   if (!session->buildURL(*request, {})) return fail(wrongUsage, "the host, port or module cannot be part of a URL");

@@ -5,6 +5,8 @@
 #include <CLI/CLI.hpp>
 #include <filesystem>
 
+#include "Shared/NumberRange.h"
+
 namespace ostrel {
 namespace {
 
@@ -74,11 +76,11 @@ std::optional<DaemonOptions> readOptions(int argc, const char* const* argv, int&
   limits(app.add_option("--max-body", options.maximumBody, "Bytes of a request's body"))
       ->check(CLI::Range(0, 1024 * 1024 * 1024));
   limits(app.add_option("--request-time", requestSeconds, "Seconds to connect and send a whole request"))
-      ->check(CLI::Range(0.1, 86'400.0));
+      ->check(numberRange(0.1, 86'400));
   limits(app.add_option("--reply-time", replySeconds, "Seconds to take a whole reply"))
-      ->check(CLI::Range(0.1, 86'400.0));
+      ->check(numberRange(0.1, 86'400));
   app.add_option("--stop-time", stopSeconds, "Seconds that running requests have to finish when the daemon stops")
-      ->check(CLI::Range(0.0, 86'400.0));
+      ->check(numberRange(0, 86'400));
 
   try {
     app.parse(argc, argv);
