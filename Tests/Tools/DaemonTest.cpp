@@ -356,6 +356,22 @@ TEST(Daemon, GoesToTheBackgroundAndTellsTheServiceManager) {
   close(notices);
 }
 
+TEST(Daemon, StartsWithoutStandardStreams) {
+  DaemonProcess daemon(Transport::plain);
+  const std::vector<std::string> closing{"/bin/sh", "-c", "exec \"$@\" <&- >&- 2>&-", "sh"};
+  daemon.startThrough(closing);
+  ASSERT_TRUE(daemon.start());
+  EXPECT_EQ(daemon.echo("x").stringValue(), "x");
+  // Log lines went nowhere, and not into a file that took the number of standard error.
+  EXPECT_EQ(readFile(daemon.root() + "/var/ostreld/ostreld.pid"), std::to_string(daemon.child().pid()) + "\n");
+  ASSERT_EQ(daemon.stop(), 0);
+
+  std::vector<std::string> command = daemon.commandLine();
+  command.insert(command.begin(), closing.begin(), closing.end());
+  ASSERT_EQ(runProgram(command).status, 0);
+  kill(std::stoi(readFile(daemon.root() + "/var/ostreld/ostreld.pid")), SIGTERM);
+}
+
 TEST(Daemon, SharesNothingBetweenRequestsThatRunAtOnce) {
   REQUIRE_TLS_PORT();
   DaemonProcess daemon(Transport::tls);

@@ -28,6 +28,13 @@ namespace {
 
 }  // namespace
 
+void openMissingStandardStreams() {
+  for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    // The lowest free number is the one that is missing.
+    if (fcntl(standard, F_GETFD) < 0 && open("/dev/null", O_RDWR) != standard) failToStart("ostreld: /dev/null");
+  }
+}
+
 Background Background::enter() {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) failToStart("ostreld: pipe");

@@ -7,6 +7,10 @@
 
 namespace ostrel {
 
+/// Opens /dev/null in place of the standard streams that are closed: the next file or connection would take the number
+/// of one of them, and get what is written to it. Call it before anything is opened.
+void openMissingStandardStreams();
+
 /// Moves the program into the background: a child in a session of its own goes on, the original process waits until
 /// the child is ready or has ended, and exits with 0 or with the child's status. The child keeps standard error until
 /// it is ready, so that a failed start can be read.

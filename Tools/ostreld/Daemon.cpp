@@ -156,6 +156,7 @@ bool stop(CommandServer& server, const StopSignals& signals, milliseconds limit)
 }  // namespace
 
 int runDaemon(const DaemonOptions& options) {
+  openMissingStandardStreams();
   if (!options.root.empty()) setHostRoot(options.root);
   umask(022);
   std::optional<Background> background;
