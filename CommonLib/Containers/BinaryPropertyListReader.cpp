@@ -111,8 +111,7 @@ class BinaryReader {
   std::size_t faultOffset_ = 0;
 };
 
-// ---- the file
-// -----------------------------------------------------------------------------------------------------------
+// The file.
 
 bool BinaryReader::readTrailer() {
   if (!bytes_.starts_with(magic)) return fail("not a binary property list", begin_);
@@ -179,8 +178,7 @@ inline bool BinaryReader::readShortText(std::uint64_t object) {
 #endif
 }
 
-// ---- objects
-// ------------------------------------------------------------------------------------------------------------
+// Objects.
 
 inline bool BinaryReader::readHeader(std::uint64_t object, Header& header) {
   if (object >= objectCount_) return fail("a reference to no object", objectsEnd_);
@@ -317,8 +315,7 @@ BytesNode*& BinaryReader::sharedSlot(std::uint64_t object) {
   return shared_[object];
 }
 
-// ---- containers
-// ---------------------------------------------------------------------------------------------------------
+// Containers.
 
 bool BinaryReader::openContainer(const Header& header) {
   const char* const start = header.body - 1;
@@ -344,7 +341,9 @@ bool BinaryReader::openContainer(const Header& header) {
 
 bool BinaryReader::readKey(Frame& frame) {
   if (frame.modelKeys != nullptr) {
-    scratch_.push(PlistStorage::shareUnpublished((frame.modelKeys++)->key));
+    const PlistEntry& model = *frame.modelKeys++;
+    if (!spend(model.keyText().size(), frame.keys)) return false;
+    scratch_.push(PlistStorage::shareUnpublished(model.key));
     return true;
   }
   Header header;

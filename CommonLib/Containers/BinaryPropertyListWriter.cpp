@@ -193,8 +193,7 @@ bool BinaryWriter::writeValue(const PlistValue& value, std::size_t depth, Refere
   return false;
 }
 
-// ---- leaves
-// -------------------------------------------------------------------------------------------------------------
+// Leaves.
 
 void BinaryWriter::beginCounted(Marker marker, std::size_t count) {
   const auto high = static_cast<unsigned>(marker) << 4;
@@ -290,8 +289,7 @@ bool BinaryWriter::writeWideText(std::string_view text, Reference& reference) {
   return true;
 }
 
-// ---- containers
-// ---------------------------------------------------------------------------------------------------------
+// Containers.
 
 bool BinaryWriter::writeArray(const PlistValue& value, std::size_t depth, Reference& reference) {
   if (depth == maximumPlistDepth) return false;

@@ -193,6 +193,9 @@ TEST(BinaryPropertyList, RefusesValuesThatSharingMakesHuge) {
   std::string text = "\x5F\x12" + bigEndian(100'000, 4) + std::string(100'000, 't');
   std::string list = "\xAF\x12" + bigEndian(100'000, 4) + std::string(100'000, '\x01');
   EXPECT_TRUE(read(file({list, text}, {.offsetSize = 4})).isNull());
+  // So are the keys of a dictionary that is used again and again.
+  const std::string dictionaries = "\xAF\x12" + bigEndian(30'000, 4) + std::string(30'000, '\x02');
+  EXPECT_TRUE(read(file({dictionaries, text, "\xD1\x01\x03"s, "\x09"s}, {.offsetSize = 4})).isNull());
   // Containers that are used twice are two containers, and small sharing is fine.
   PlistValue twice = readPropertyList(file({"\xA2\x01\x01"s, "\xA1\x02"s,
                                             "\x51"
@@ -229,8 +232,7 @@ TEST(BinaryPropertyList, StoresEqualLeavesOnceAndStillReadsWhatItWrote) {
   EXPECT_EQ(read(*written), list);
 }
 
-// ---- all codecs
-// -----------------------------------------------------------------------------------------------------------
+// All codecs.
 
 class RandomTree {
  public:
