@@ -1,5 +1,6 @@
 #include "Containers/CalendarDate.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 
@@ -7,8 +8,9 @@ namespace ostrel {
 namespace {
 
 constexpr std::int64_t secondsADay = 86400;
-constexpr double firstSecond = -62135596800.0;  // 0001-01-01T00:00:00Z
-constexpr double endOfTime = 253402300800.0;    // 10000-01-01T00:00:00Z
+constexpr double firstSecond = -62135596800.0;     // 0001-01-01T00:00:00Z
+constexpr double endOfTime = 253402300800.0;       // 10000-01-01T00:00:00Z
+constexpr double belowOne = 0x1.fffffffffffffp-1;  // the fraction of a moment just before 1970 would round up to 1
 
 }  // namespace
 
@@ -26,7 +28,7 @@ std::optional<CalendarDate> calendarDate(PlistDate date) noexcept {
                       .hour = static_cast<std::uint8_t>(ofDay / 3600),
                       .minute = static_cast<std::uint8_t>(ofDay / 60 % 60),
                       .second = static_cast<std::uint8_t>(ofDay % 60),
-                      .fraction = moment - whole};
+                      .fraction = std::min(moment - whole, belowOne)};
 }
 
 std::optional<PlistDate> momentOf(const CalendarDate& date) noexcept {

@@ -7,11 +7,16 @@
 #include "Containers/CalendarDate.h"
 #include "Containers/Format.h"
 #include "Containers/PlistValue.h"
+#include "Containers/PropertyList.h"
 
 namespace ostrel {
 namespace {
 
-constexpr std::size_t indentation = 4;
+/// Four spaces a level. The deepest levels go no further right: a small tree must not become a huge text of spaces.
+void appendIndent(std::string& out, std::size_t depth) {
+  constexpr std::size_t deepest = 16;
+  out.append(std::min(depth, deepest) * 4, ' ');
+}
 
 bool isBareCharacter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '.' ||
@@ -94,13 +99,13 @@ void appendDictionary(std::string& out, const PlistValue& value, std::size_t dep
   std::ranges::sort(sorted, {}, [](const PlistEntry* entry) { return entry->keyText(); });
   out += "{\n";
   for (const PlistEntry* entry : sorted) {
-    out.append((depth + 1) * indentation, ' ');
+    appendIndent(out, depth + 1);
     appendMemberString(out, entry->keyText());
     out += " = ";
     appendMember(out, entry->value, depth + 1);
     out += ";\n";
   }
-  out.append(depth * indentation, ' ');
+  appendIndent(out, depth);
   out += '}';
 }
 
@@ -108,11 +113,11 @@ void appendArray(std::string& out, const PlistValue& value, std::size_t depth) {
   out += "(\n";
   std::size_t left = value.count();
   for (const PlistValue& element : value.elements()) {
-    out.append((depth + 1) * indentation, ' ');
+    appendIndent(out, depth + 1);
     appendMember(out, element, depth + 1);
     out += --left == 0 ? "\n" : ",\n";
   }
-  out.append(depth * indentation, ' ');
+  appendIndent(out, depth);
   out += ')';
 }
 
@@ -135,10 +140,10 @@ void appendMember(std::string& out, const PlistValue& value, std::size_t depth) 
       appendData(out, value.dataBytes());
       break;
     case PlistValue::Kind::array:
-      appendArray(out, value, depth);
+      depth < maximumPlistDepth ? appendArray(out, value, depth) : void(out += "(...)");
       break;
     case PlistValue::Kind::dictionary:
-      appendDictionary(out, value, depth);
+      depth < maximumPlistDepth ? appendDictionary(out, value, depth) : void(out += "{...}");
       break;
   }
 }

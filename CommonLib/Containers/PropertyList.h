@@ -31,7 +31,8 @@ inline constexpr std::size_t maximumPlistDepth = 512;
 /// All readers: bounded depth, time and memory linear in the input, safe from any thread. They are strict: a key that
 /// appears twice, an unknown element, text outside elements, a number out of range, an impossible date, unpadded
 /// base64, invalid UTF-8 and a document without <plist> are refused. docs/property-lists.md lists every such decision.
-/// Values of one document share memory: one leaf kept for long keeps at most 64 KB of it from being freed.
+/// Values of one document share memory: one leaf kept for long keeps at most 64 KB of it from being freed. Whoever
+/// keeps a little of each of many documents keeps a `deepMutableCopy`, or for a leaf a new value of its text or bytes.
 OSTREL_EXPORT PlistValue readPropertyList(std::string_view bytes, PlistForm form = PlistForm::immutableContainers,
                                           PlistError* error = nullptr);
 OSTREL_EXPORT PlistValue readXmlPropertyList(std::string_view bytes, PlistForm form = PlistForm::immutableContainers,
@@ -44,9 +45,9 @@ OSTREL_EXPORT PlistValue readBinaryPropertyList(std::string_view bytes, PlistFor
 OSTREL_EXPORT PlistValue readStringsFile(std::string_view bytes, PlistForm form = PlistForm::immutableContainers,
                                          PlistError* error = nullptr);
 
-/// Writes a value as an XML property list, version 1.0, UTF-8. Nothing when it cannot be represented: null, nesting
-/// beyond `maximumPlistDepth`, text that is not valid UTF-8 or holds a character that XML 1.0 cannot carry, a date
-/// outside the years 1 to 9999.
+/// Writes a value as an XML property list, version 1.0, UTF-8, indented by a tab a level for sixteen levels. Nothing
+/// when it cannot be represented: null, nesting beyond `maximumPlistDepth`, text that is not valid UTF-8 or holds a
+/// character that XML 1.0 cannot carry, a date outside the years 1 to 9999.
 OSTREL_EXPORT std::optional<std::string> writeXmlPropertyList(const PlistValue& value);
 
 /// Writes a value as a binary property list. Nothing when it cannot be represented: null, nesting beyond

@@ -1,7 +1,10 @@
 // Reads XML property lists in one pass, straight into values.
 #include <algorithm>
 #include <cstdint>
+#include <functional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Containers/Internal/Base64Blocks.h"
@@ -33,11 +36,15 @@ constexpr std::string_view elementNames[] = {"string", "key",  "integer", "real"
 
 std::string_view nameOf(Element element) { return elementNames[static_cast<std::size_t>(element)]; }
 
+constexpr const char* repeatedKey = "a dictionary holds a key twice";
+
 class XmlReader : public XmlScanner {
  public:
-  XmlReader(const TextInput& input, PlistForm form)
+  /// `checksEachKey`: whether a key that appears twice is noticed where it stands, not at its dictionary's end.
+  XmlReader(const TextInput& input, PlistForm form, bool checksEachKey = false)
       : XmlScanner(input.text(), input.encoding()),
         mutableContainers_(form == PlistForm::mutableContainers),
+        checksEachKey_(checksEachKey),
         scratch_(input.text().size()) {}
 
   /// Null after a fault.
@@ -67,12 +74,13 @@ class XmlReader : public XmlScanner {
   bool readKey(Frame& frame);
   bool takeModelKey(Frame& frame);
   bool readOtherKey(Frame& frame);
+  bool isFirstOfItsName();
   bool readStartTag(Element& element, bool& isEmpty);
   bool readUnusualTag(Element& element, bool& isEmpty);
   bool readLeaf(Element element, bool isEmpty);
   bool readString();
   bool readInteger();
-  bool readParsed(Element element, PlistValue (*parse)(std::string_view) noexcept, const char* fault);
+  bool readParsed(Element element, PlistValue (*parse)(std::string_view), const char* fault);
   bool readData();
   bool decodeData(const char* text, const char* end, PlistValue& data);
   bool openContainer(bool isDictionary);
@@ -84,11 +92,13 @@ class XmlReader : public XmlScanner {
   }
 
   const bool mutableContainers_;
+  const bool checksEachKey_;
   PlistScratch scratch_;
   std::vector<Frame> frames_;
+  std::vector<std::set<std::string, std::less<>>> seenKeys_;  // of each frame; only where each key is checked
 };
 
-// ---- the element around the value -----------------------------------------------------------------------------------
+// The element around the value.
 
 bool XmlReader::readRootTag() {
   const char* const start = at_;
@@ -117,8 +127,7 @@ bool XmlReader::readRootEnd() {
   return at_ == end_ || fail("content after the document's element");
 }
 
-// ---- values
-// -----------------------------------------------------------------------------------------------------------
+// Values.
 
 /// One value with everything in it, onto the scratch.
 bool XmlReader::readValue() {
@@ -135,7 +144,9 @@ bool XmlReader::readValue() {
       continue;
     }
     if (expectsKey()) {
+      const char* const key = at_;
       if (!readKey(frames_.back())) return false;
+      if (checksEachKey_ && !isFirstOfItsName()) return fail(repeatedKey, key);
       continue;
     }
     const char* const start = at_;
@@ -190,16 +201,14 @@ bool XmlReader::closeContainer(const char* tagStart) {
     if (!expectsKey()) return fail("a key has no value", tagStart);
     using Keys = PlistStorage::Keys;
     const Keys keys = frame.keysFollowModel && frame.model != nullptr ? Keys::knownDistinct : Keys::unchecked;
-    if (!scratch_.foldDictionary(frame.base, mutableContainers_, keys))
-      return fail("a dictionary holds a key twice", tagStart);
+    if (!scratch_.foldDictionary(frame.base, mutableContainers_, keys)) return fail(repeatedKey, tagStart);
     if (frame.keysArePlain) PlistStorage::markPlainKeys(scratch_.top());
   }
   frames_.pop_back();
   return true;
 }
 
-// ---- keys
-// -------------------------------------------------------------------------------------------------------------
+// Keys.
 
 bool XmlReader::readKey(Frame& frame) {
   if (take("<key>")) return takeModelKey(frame) || readOtherKey(frame);
@@ -250,8 +259,14 @@ bool XmlReader::readOtherKey(Frame& frame) {
   return true;
 }
 
-// ---- tags
-// -------------------------------------------------------------------------------------------------------------
+bool XmlReader::isFirstOfItsName() {
+  seenKeys_.resize(frames_.size());
+  auto& seen = seenKeys_.back();
+  if (scratch_.size() == frames_.back().base + 1) seen.clear();
+  return seen.emplace(std::as_const(scratch_.top()).stringValue()).second;
+}
+
+// Tags.
 
 inline bool XmlReader::readStartTag(Element& element, bool& isEmpty) {
   const auto is = [&element](Element found) {
@@ -305,8 +320,7 @@ bool XmlReader::readUnusualTag(Element& element, bool& isEmpty) {
   return isEmpty || take(">") || fail("only <plist> has attributes");
 }
 
-// ---- leaves
-// -----------------------------------------------------------------------------------------------------------
+// Leaves.
 
 bool XmlReader::readLeaf(Element element, bool isEmpty) {
   switch (element) {
@@ -356,7 +370,7 @@ bool XmlReader::readInteger() {
   return true;
 }
 
-bool XmlReader::readParsed(Element element, PlistValue (*parse)(std::string_view) noexcept, const char* fault) {
+bool XmlReader::readParsed(Element element, PlistValue (*parse)(std::string_view), const char* fault) {
   const char* const start = at_;
   std::string_view content;
   if (!readContent(nameOf(element), content)) return false;
@@ -368,20 +382,20 @@ bool XmlReader::readParsed(Element element, PlistValue (*parse)(std::string_view
 
 bool XmlReader::readData() {
   const char* const start = at_;
-  std::string_view content;
-  // Base64 is checked by its decoder: only data with references, comments or sections in it is gathered first.
+  PlistValue data;
+  // Base64 is checked by its decoder: what that refuses is gathered, if it holds references, comments or sections.
   const auto* tag = static_cast<const char*>(std::memchr(at_, '<', static_cast<std::size_t>(end_ - at_)));
   const bool isWhole = tag != nullptr && startsWith(tag, end_, "</data>");
-  if (isWhole) {
-    PlistValue data;
-    if (!decodeData(at_, tag, data)) return fail("malformed base64", start);
+  if (isWhole && decodeData(at_, tag, data)) {
     at_ = tag + std::string_view("</data>").size();
     scratch_.push(std::move(data));
     return true;
   }
+  std::string_view content;
   if (!readContent("data", content)) return false;
-  PlistValue data;
-  if (!decodeData(content.data(), content.data() + content.size(), data)) return fail("malformed base64", start);
+  const bool isDecoded =
+      !(isWhole && isVerbatim(content)) && decodeData(content.data(), content.data() + content.size(), data);
+  if (!isDecoded) return fail("malformed base64", start);
   scratch_.push(std::move(data));
   return true;
 }
@@ -436,7 +450,13 @@ PlistValue readXmlPropertyList(std::string_view bytes, PlistForm form, PlistErro
   }
   detail::XmlReader reader(input, form);
   PlistValue value = reader.readDocument();
-  if (value.isNull() && error != nullptr) *error = input.error(reader.fault(), reader.faultOffset());
+  if (!value.isNull() || error == nullptr) return value;
+  *error = input.error(reader.fault(), reader.faultOffset());
+  if (reader.fault() != detail::repeatedKey) return value;
+  // A second reading, for its place only.
+  detail::XmlReader slowReader(input, form, true);
+  slowReader.readDocument();
+  *error = input.error(slowReader.fault(), slowReader.faultOffset());
   return value;
 }
 

@@ -22,8 +22,8 @@ constexpr std::string_view footer = "</plist>\n";
 constexpr std::size_t longestEscape = 5;
 constexpr std::size_t chunk = 1024;      // of text, at a time
 constexpr std::size_t tagsAndMore = 64;  // the tags around a value, and what a wide store may write too much
-static_assert(maximumPlistDepth + chunk * longestEscape + 2 * tagsAndMore < OutputBuffer::maximumReserve);
-static_assert(maximumPlistDepth + leafTextCapacity + 2 * tagsAndMore < OutputBuffer::maximumReserve);
+static_assert(chunk * longestEscape + 2 * tagsAndMore < OutputBuffer::maximumReserve);
+static_assert(leafTextCapacity + 2 * tagsAndMore < OutputBuffer::maximumReserve);
 
 template <std::size_t Size>
 char* put(char* out, const char (&literal)[Size]) noexcept {
@@ -31,14 +31,13 @@ char* put(char* out, const char (&literal)[Size]) noexcept {
   return out + Size - 1;
 }
 
+/// Tabs for the levels that anybody reads: without a bound, a small document of deep nesting becomes a huge one of
+/// tabs.
+constexpr std::size_t deepestIndent = 16;
+
 char* putIndent(char* out, std::size_t depth) noexcept {
-  constexpr std::size_t usual = 16;
-  if (depth <= usual) {
-    std::memset(out, '\t', usual);  // of fixed size: one store
-  } else {
-    std::memset(out, '\t', depth);
-  }
-  return out + depth;
+  std::memset(out, '\t', deepestIndent);  // of fixed size: one store
+  return out + std::min(depth, deepestIndent);
 }
 
 /// Writes the character at `at`, which is not plain text, as XML has it; nullptr for one that XML cannot carry. A
@@ -121,7 +120,7 @@ class XmlWriter {
 
   template <std::size_t Size>
   bool writeLine(std::size_t depth, const char (&literal)[Size]) {
-    out_.advanceTo(put(putIndent(out_.reserve(depth + tagsAndMore), depth), literal));
+    out_.advanceTo(put(putIndent(out_.reserve(deepestIndent + tagsAndMore), depth), literal));
     return true;
   }
 
@@ -145,7 +144,7 @@ template <std::size_t OpenSize, std::size_t CloseSize>
 inline bool XmlWriter::writeText(const PlistValue& string, std::size_t depth, const char (&open)[OpenSize],
                                  const char (&close)[CloseSize]) {
   const std::string_view text = string.stringValue();
-  char* out = put(putIndent(out_.reserve(depth + chunk * longestEscape + tagsAndMore), depth), open);
+  char* out = put(putIndent(out_.reserve(deepestIndent + chunk * longestEscape + tagsAndMore), depth), open);
 #ifdef __SSE2__
   if (text.size() <= PlistStorage::inlineCapacity) {  // then it lives in the handle, which is as wide as a load
     const unsigned found = notPlainText(load16(text.data())) & ((1U << text.size()) - 1);
@@ -219,7 +218,7 @@ bool XmlWriter::writeArray(const PlistValue& value, std::size_t depth) {
 }
 
 bool XmlWriter::writeNumber(const PlistValue& value, std::size_t depth) {
-  char* out = putIndent(out_.reserve(depth + leafTextCapacity + tagsAndMore), depth);
+  char* out = putIndent(out_.reserve(deepestIndent + leafTextCapacity + tagsAndMore), depth);
   if (value.isReal()) {
     out = put(writeReal(put(out, "<real>"), value.doubleValue()), "</real>\n");
   } else {
@@ -230,7 +229,7 @@ bool XmlWriter::writeNumber(const PlistValue& value, std::size_t depth) {
 }
 
 bool XmlWriter::writeDate(const PlistValue& value, std::size_t depth) {
-  char* const start = put(putIndent(out_.reserve(depth + leafTextCapacity + tagsAndMore), depth), "<date>");
+  char* const start = put(putIndent(out_.reserve(deepestIndent + leafTextCapacity + tagsAndMore), depth), "<date>");
   char* const end = detail::writeDate(start, value.dateValue());
   if (end == nullptr) return false;
   out_.advanceTo(put(end, "</date>\n"));

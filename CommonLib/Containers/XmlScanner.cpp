@@ -39,7 +39,7 @@ constexpr NamedEntity namedEntities[] = {
 
 }  // namespace
 
-// ---- text -----------------------------------------------------------------------------------------------------------
+// Text.
 
 bool XmlScanner::readVerbatimText() {
   const char* const start = at_;
@@ -152,7 +152,7 @@ bool XmlScanner::gatherCData() {
   }
 }
 
-// ---- tags -----------------------------------------------------------------------------------------------------------
+// Tags.
 
 bool XmlScanner::readName(std::string_view& name) {
   const char* const start = at_;
@@ -189,12 +189,19 @@ bool XmlScanner::readAttribute(std::string_view& name, std::string_view& value, 
   return readQuoted(value);
 }
 
+/// An attribute's value. References are refused: no attribute that is read here needs one.
 bool XmlScanner::readQuoted(std::string_view& value) {
+  if (!readLiteral(value)) return false;
+  const std::size_t markup = value.find_first_of("<&");
+  return markup == std::string_view::npos || fail("markup in a quoted value", value.data() + markup);
+}
+
+/// Anything between quotes, such as an address with '&' in it.
+bool XmlScanner::readLiteral(std::string_view& value) {
   if (at_ == end_ || (*at_ != '"' && *at_ != '\'')) return fail("a quoted value is missing");
   const char quote = *at_;
   const char* const start = ++at_;
-  for (; at_ != end_ && *at_ != quote;) {
-    if (*at_ == '<' || *at_ == '&') return fail("markup in a quoted value");
+  while (at_ != end_ && *at_ != quote) {
     if (*at_ >= ' ' || isXmlSpace(*at_)) {
       ++at_;
     } else if (!readMultibyteCharacter()) {
@@ -207,8 +214,7 @@ bool XmlScanner::readQuoted(std::string_view& value) {
   return true;
 }
 
-// ---- around the element
-// -----------------------------------------------------------------------------------------------
+// Around the element.
 
 bool XmlScanner::readProlog() {
   if (encoding_ == TextInput::Encoding::utf8 && take(standardProlog)) {
@@ -303,8 +309,7 @@ bool XmlScanner::readInstruction() {
   return readThrough("?>", "unterminated processing instruction");
 }
 
-// ---- document type
-// ----------------------------------------------------------------------------------------------------
+// Document type.
 
 bool XmlScanner::readDocumentType() {
   at_ += std::string_view("<!DOCTYPE").size();
@@ -314,7 +319,7 @@ bool XmlScanner::readDocumentType() {
     return at_ == before ? fail("white space is missing") : step();
   };
   std::string_view ignored;
-  const auto quoted = [&] { return readQuoted(ignored); };
+  const auto quoted = [&] { return readLiteral(ignored); };
   if (!spaceThen([&] { return readName(ignored); })) return false;
   const char* const afterName = at_;
   skipSpace();
@@ -351,7 +356,7 @@ bool XmlScanner::readSubsetDeclaration() {
     if (c == '>') break;
     std::string_view ignored;
     if (c == '"' || c == '\'') {
-      if (!readQuoted(ignored)) return false;
+      if (!readLiteral(ignored)) return false;
     } else if (c == '<' || c == '%' || c == '&') {
       return fail("malformed declaration");
     } else if (c >= ' ' || isXmlSpace(c)) {

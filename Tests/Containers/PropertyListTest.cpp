@@ -7,7 +7,10 @@
 #include <cmath>
 #include <limits>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "Containers/CalendarDate.h"
 
 namespace ostrel {
 namespace {
@@ -31,8 +34,7 @@ void expectSameReal(const PlistValue& value, double expected) {
   EXPECT_EQ(std::bit_cast<std::uint64_t>(value.doubleValue()), std::bit_cast<std::uint64_t>(expected));
 }
 
-// ---- what peers get wrong
-// ---------------------------------------------------------------------------------------------
+// What peers get wrong.
 
 struct Case {
   std::string_view body;
@@ -117,6 +119,8 @@ INSTANTIATE_TEST_SUITE_P(Data, PeersGetWrong,
                              {"<data>Zm9v\n\tYg==\n</data>", bytes("foob")},
                              {"<data> Z m 9 v Y m E = </data>", bytes("fooba")},
                              {"<data>Zm9<![CDATA[v]]>Yg&#61;=</data>", bytes("foob")},
+                             {"<data>Zg&#61;=</data>", bytes("f")},
+                             {"<data>Zm9v&#33;</data>", refused},
                              {"<data/>", bytes("")},
                              {"<data> \n</data>", bytes("")},
                              {"<data>Zg</data>", refused},
@@ -204,8 +208,7 @@ INSTANTIATE_TEST_SUITE_P(Structure, PeersGetWrong,
                              {"", refused},
                          }));
 
-// ---- whole documents
-// ----------------------------------------------------------------------------------------------------
+// Whole documents.
 
 TEST(XmlPropertyList, TakesEveryEncodingThatItNamesAndNoOther) {
   const std::string wide = "<?xml version='1.0' encoding='UTF-16'?><plist><string>text</string></plist>";
@@ -238,6 +241,8 @@ TEST(XmlPropertyList, PassesOverDocumentTypesAndRefusesEntities) {
   for (const auto good :
        {"<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">"sv,
         "<!DOCTYPE plist>"sv, "<!-- a --><?b c?>\n<!DOCTYPE plist SYSTEM 'file:///etc/passwd' >"sv,
+        "<!DOCTYPE plist SYSTEM 'http://host/?a=1&b=<2>'>"sv,
+        "<!DOCTYPE plist [<!ATTLIST a b CDATA '&lt;\">]>'><!NOTATION n PUBLIC \"'%[\">]>"sv,
         "<!DOCTYPE plist [<!ELEMENT plist (a|b)*><!ATTLIST plist v CDATA '>'><!-- x --><?y?> ] >"sv}) {
     EXPECT_EQ(readPropertyList(std::string(good) + "<plist><true/></plist>"), true) << good;
   }
@@ -295,7 +300,11 @@ TEST(XmlPropertyList, SaysWhereTheFaultIs) {
   for (const auto& [document, offset, line, column] :
        {Fault{"<plist>\n<array>\r\n\t<bad/>\r</array></plist>", 18, 3, 2}, Fault{"<plist>\r\r&</plist>", 9, 3, 1},
         Fault{"\xEF\xBB\xBF<plist>\nx", 11, 2, 1}, Fault{utf16("<plist>\nx", true), 18, 2, 1},
-        Fault{"<plist><string>\xC3\xA9\x01</string></plist>", 17, 1, 18}, Fault{"", 0, 1, 1}}) {
+        Fault{"<plist><string>\xC3\xA9\x01</string></plist>", 17, 1, 18}, Fault{"", 0, 1, 1},
+        Fault{
+            "<plist><dict><key>a</key><dict><key>a</key><true/></dict>\n<key>b</key><true/>\n <key>&#97;</key><true/>\n"
+            "</dict></plist>",
+            79, 3, 2}}) {
     PlistError error;
     EXPECT_TRUE(readPropertyList(document, PlistForm::immutableContainers, &error).isNull());
     EXPECT_FALSE(error.message.empty());
@@ -322,6 +331,17 @@ TEST(XmlPropertyList, BoundsDepthInsteadOfCrashing) {
   const PlistValue tooDeep = PlistValue::arrayOf({deepest});
   EXPECT_EQ(writeXmlPropertyList(tooDeep), std::nullopt);
   EXPECT_EQ(writeBinaryPropertyList(tooDeep), std::nullopt);
+}
+
+/// Indentation alone would make a hundred megabytes of this.
+TEST(XmlPropertyList, WritesAndDescribesDeepDocumentsAboutAsLongAsTheyAre) {
+  PlistValue list = PlistValue::mutableArray();
+  for (int i = 0; i < 100'000; ++i) list.append(true);
+  for (std::size_t depth = 2; depth < maximumPlistDepth; ++depth) list = PlistValue::arrayOf({list});
+  const auto written = writeXmlPropertyList(list);
+  EXPECT_LT(written->size(), 3'000'000U);
+  EXPECT_EQ(readPropertyList(*written), list);
+  EXPECT_LT(list.description().size(), 8'000'000U);
 }
 
 /// Keys of a record are compared with those of the record before: records that differ from it in every way.
@@ -386,8 +406,23 @@ TEST(XmlPropertyList, LeavesOutliveTheirDocument) {
   EXPECT_EQ(list.get("a key that is not short"), "text number 17");
 }
 
-// ---- writing
-// ------------------------------------------------------------------------------------------------------------
+/// Each thread drops its part of what one document put side by side in memory.
+TEST(XmlPropertyList, ValuesOfOneDocumentMayBeDroppedOnAnyThread) {
+  std::string body = "<array>";
+  for (int i = 0; i < 5000; ++i)
+    body += "<dict><key>a key that is not short</key><string>text number " + std::to_string(i) + "</string></dict>";
+  std::vector<std::vector<PlistValue>> parts(4);
+  {
+    const PlistValue document = read(body + "</array>");
+    ASSERT_EQ(document.count(), 5000U);
+    for (std::size_t i = 0; i < document.count(); ++i)
+      parts[i % 4].push_back(i % 3 == 0 ? document.at(i) : document.at(i).get("a key that is not short"));
+  }
+  std::vector<std::jthread> threads;
+  for (auto& part : parts) threads.emplace_back([mine = std::move(part)]() mutable { mine.clear(); });
+}
+
+// Writing.
 
 TEST(XmlPropertyList, WritesTheStandardLayout) {
   const PlistValue value = PlistValue::dictionaryOf(
@@ -428,6 +463,16 @@ TEST(XmlPropertyList, RefusesToWriteWhatXmlCannotCarry) {
   EXPECT_EQ(writeXmlPropertyList(PlistValue::dictionaryOf({{"\x02", 1}})), std::nullopt);
 }
 
+TEST(PropertyList, CalendarFieldsOfEveryMomentNameAMoment) {
+  for (const double seconds : {-1e-20, -0.25, 0.75, -62135596800.0, 253402300799.75}) {
+    const auto fields = calendarDate(PlistDate{seconds});
+    ASSERT_TRUE(fields && fields->fraction < 1) << seconds;
+    EXPECT_NEAR(momentOf(*fields).value_or(PlistDate{}).secondsSince1970, seconds, 1e-15);
+  }
+  for (const double none : {std::nan(""), HUGE_VAL, -62135596800.5, 253402300800.0})
+    EXPECT_FALSE(calendarDate(PlistDate{none}));
+}
+
 TEST(PropertyList, DatesAndRealsComeBackToTheLastBit) {
   for (const double seconds : {0.1, -0.1, 1e-9, -1e-9, 1313424505.123456, -1313424505.123456, 5e-324, -5e-324,
                                -62135596800.0, 253402300799.9999, -0.9999999999999999, 1.0 / 3, -1.0 / 3}) {
@@ -441,8 +486,7 @@ TEST(PropertyList, DatesAndRealsComeBackToTheLastBit) {
   }
 }
 
-// ---- "strings" files
-// ------------------------------------------------------------------------------------------------------
+// "strings" files.
 
 TEST(StringsFile, ReadsPairsCommentsAndEscapes) {
   const std::string file =

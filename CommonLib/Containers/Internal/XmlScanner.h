@@ -94,6 +94,7 @@ class XmlScanner {
   bool readInternalSubset();
   bool readSubsetDeclaration();
   bool readQuoted(std::string_view& value);
+  bool readLiteral(std::string_view& value);
 
   TextInput::Encoding encoding_;
   const char* fault_ = nullptr;
