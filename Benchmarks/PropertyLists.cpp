@@ -43,8 +43,7 @@ std::vector<Document>& documents() {
   return all;
 }
 
-// ---- the contestants: `call` is measured, `release` is not
-// ----------------------------------------------------------------
+// The contestants: `call` is measured, `release` is not.
 
 struct OurXmlReader {
   explicit OurXmlReader(const Document& document) : bytes(document.xml) {}
@@ -167,8 +166,7 @@ void measureWhole(benchmark::State& state, const Document& document) {
   }
 }
 
-// ---- the table
-// ------------------------------------------------------------------------------------------------------------
+// The table.
 
 class MedianKeeper : public benchmark::ConsoleReporter {
  public:

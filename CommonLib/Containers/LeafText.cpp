@@ -71,7 +71,7 @@ PlistValue parseReal(std::string_view text) noexcept {
   return negative ? -real : real;
 }
 
-PlistValue parseDate(std::string_view text) noexcept {
+PlistValue parseDate(std::string_view text) {
   text = trimmed(text);
   constexpr std::size_t secondsEnd = std::string_view("YYYY-MM-DDThh:mm:ss").size();
   if (text.size() <= secondsEnd || text.back() != 'Z') return {};

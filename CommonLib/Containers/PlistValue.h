@@ -49,6 +49,8 @@ struct PlistEntry;
 /// Reading one container from several threads is safe while nobody writes to it; writers need a lock of their own.
 /// One handle object must not be assigned on one thread while another reads it.
 ///
+/// Containers may be nested to any depth: nothing here uses the stack for it. The readers and writers have a bound.
+///
 /// Requires: a container is never put inside itself, directly or through others (direct insertion is refused;
 /// a longer cycle is the caller's fault, is never freed and must not be described, compared or copied).
 class OSTREL_EXPORT PlistValue {
@@ -56,7 +58,7 @@ class OSTREL_EXPORT PlistValue {
   enum class Kind : std::uint8_t { null, dictionary, array, string, number, boolean, date, data };
   using KeyValue = std::pair<std::string_view, PlistValue>;
 
-  // ---- making values ------------------------------------------------------------------------------------------
+  // Making values.
 
   constexpr PlistValue() noexcept = default;
   constexpr PlistValue(std::nullptr_t) noexcept {}
@@ -108,7 +110,7 @@ class OSTREL_EXPORT PlistValue {
   static PlistValue arrayOf(std::initializer_list<PlistValue> elements);
   static PlistValue mutableArrayOf(std::initializer_list<PlistValue> elements);
 
-  // ---- what it is ---------------------------------------------------------------------------------------------
+  // What it is.
 
   Kind kind() const noexcept {
     constexpr Kind kinds[] = {Kind::null,   Kind::boolean, Kind::number, Kind::number, Kind::number,    Kind::date,
@@ -137,9 +139,9 @@ class OSTREL_EXPORT PlistValue {
   }
   /// Equality by value. Key order does not matter; mutability does not matter; numbers and booleans compare by
   /// numeric value across integer and real; NaN equals NaN.
-  OSTREL_EXPORT friend bool operator==(const PlistValue& left, const PlistValue& right) noexcept;
+  OSTREL_EXPORT friend bool operator==(const PlistValue& left, const PlistValue& right);
 
-  // ---- leaves -------------------------------------------------------------------------------------------------
+  // Leaves.
 
   /// The text of a string, "" for other kinds. The view lives as long as this handle; asked of a temporary, the
   /// answer is a copy, because short strings live inside the handle.
@@ -159,7 +161,7 @@ class OSTREL_EXPORT PlistValue {
   /// The moment of a date, the zero date for other kinds.
   PlistDate dateValue() const noexcept;
 
-  // ---- containers ---------------------------------------------------------------------------------------------
+  // Containers.
 
   /// Number of entries or elements, 0 for leaves.
   std::size_t count() const noexcept;
@@ -198,7 +200,7 @@ class OSTREL_EXPORT PlistValue {
   /// Dictionary or array: removes everything. False when immutable or a leaf.
   bool clear();
 
-  // ---- copies -------------------------------------------------------------------------------------------------
+  // Copies.
 
   /// One level: a new container of the asked mutability over the same members. A leaf or null gives itself.
   /// `immutableCopy` of an immutable container shares it.
@@ -209,11 +211,13 @@ class OSTREL_EXPORT PlistValue {
   /// Containers at every level are new and mutable; every leaf is shared.
   PlistValue deepMutableStructureCopy() const;
 
-  // ---- text ---------------------------------------------------------------------------------------------------
+  // Text.
 
   /// The text form that "%@" prints: a string as it is, null as "(null)", booleans as 1 and 0, reals by their
   /// shortest exact digits, dates as "2011-08-15 16:08:25 +0000", data as "<0a1bff>", containers in braces or
-  /// parentheses, a member a line. Keys are sorted by bytes, so equal trees print alike.
+  /// parentheses, a member a line. Keys are sorted by bytes, so equal trees print alike. Indentation ends at the
+  /// sixteenth level, and a container below `maximumPlistDepth` others is printed as "{...}" or "(...)". Strings are
+  /// printed as the bytes that they are, in containers with their controls escaped.
   std::string description() const;
 
  private:

@@ -27,7 +27,7 @@ int digitOf(char c, int base) noexcept {
 
 class StringsReader {
  public:
-  StringsReader(std::string_view text, PlistForm form) noexcept
+  StringsReader(std::string_view text, PlistForm form)
       : begin_(text.data()),
         at_(begin_),
         end_(begin_ + text.size()),

@@ -146,13 +146,22 @@ TEST(PlistValue, DeepCopiesShareNothingOrOnlyLeaves) {
   EXPECT_EQ(original.get("list").count(), 1U);
 }
 
-TEST(PlistValue, DropsDeepNestingWithoutExhaustingTheStack) {
-  PlistValue root = PlistValue::mutableArray();
-  for (int depth = 0; depth < 1'000'000; ++depth) {
-    PlistValue outer = PlistValue::mutableArray();
-    outer.append(std::move(root));
-    root = std::move(outer);
-  }
+/// A program may nest deeper than any reader lets a document: a module that wraps what it kept at every request.
+TEST(PlistValue, TakesAnyDepthWithoutExhaustingTheStack) {
+  const auto nested = [](int depth) {
+    PlistValue root = PlistValue::mutableArrayOf({"core"});
+    for (int i = 0; i < depth; ++i) {
+      root = i % 2 == 0 ? PlistValue::mutableArrayOf({root}) : PlistValue::mutableDictionaryOf({{"k", root}});
+    }
+    return root;
+  };
+  constexpr int depth = 200'000;
+  PlistValue root = nested(depth);
+  EXPECT_EQ(root, nested(depth));
+  EXPECT_FALSE(root == nested(depth + 2));
+  EXPECT_EQ(root.deepMutableCopy(), root);
+  EXPECT_EQ(root.deepMutableStructureCopy(), root);
+  EXPECT_NE(root.description().find("{...}"), std::string::npos);
   EXPECT_TRUE(root.clear());
 }
 

@@ -15,7 +15,7 @@ PlistValue parseInteger(std::string_view text) noexcept;
 /// "infinity" in any case, the latter two with an optional sign.
 PlistValue parseReal(std::string_view text) noexcept;
 /// Date: "YYYY-MM-DDThh:mm:ssZ", with an optional fraction of a second before the "Z".
-PlistValue parseDate(std::string_view text) noexcept;
+PlistValue parseDate(std::string_view text);
 
 /// Room enough for what the writers below write.
 inline constexpr std::size_t leafTextCapacity = 512;

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <string_view>
 
 #include "Containers/PlistValue.h"
@@ -135,7 +136,8 @@ class PlistStorage {
   enum class Keys : std::uint8_t { unchecked, knownDistinct };
 
   /// A container of exactly these members, which are moved from in either case; what they leave need not be destroyed.
-  /// `makeDictionary` takes keys (strings all) and values in turn, and gives null when two keys are equal.
+  /// `makeDictionary` takes keys (strings all) and values in turn, and gives null when two keys are equal. When memory
+  /// runs out the members stay the caller's.
   static PlistValue makeArray(PlistValue* members, std::size_t count, bool isMutable, PlistArena& arena);
   static PlistValue makeDictionary(PlistValue* keysAndValues, std::size_t count, bool isMutable, Keys keys,
                                    PlistArena& arena);
@@ -182,6 +184,7 @@ class PlistStorage {
   static void reserveOneMore(DictionaryNode* node);
   /// False when two keys are equal; the index is then incomplete.
   static bool rebuildIndex(DictionaryNode* node);
+  static constexpr std::size_t notFound = std::numeric_limits<std::size_t>::max();
   static std::size_t position(const DictionaryNode* node, std::string_view key) noexcept;
   static void appendEntry(DictionaryNode* node, PlistValue key, PlistValue value);
 
