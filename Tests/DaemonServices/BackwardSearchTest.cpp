@@ -43,7 +43,7 @@ std::optional<Found> searchFile(const std::string& path, const Filters& filters,
   return found;
 }
 
-// ---- the search again, as simple as it can be said -----------------------------------------------------------------
+// the search again, as simple as it can be said
 
 std::string lowered(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -198,7 +198,7 @@ TEST(BackwardSearch, FindsWordsAcrossThePiecesOfALongLine) {
   }
 }
 
-// ---- cases ---------------------------------------------------------------------------------------------------------
+// cases
 
 TEST(BackwardSearch, FindsLinesByAllWordsInFileOrder) {
   const TemporaryFolder folder;
@@ -339,7 +339,7 @@ TEST(BackwardSearch, RefusesWhatIsNoRegularFile) {
   }
 }
 
-// ---- the steps -----------------------------------------------------------------------------------------------------
+// the steps
 
 TEST(BackwardSearch, FindsTheFirstPlaceOfWordsInAnyCase) {
   std::mt19937 random(11);

@@ -43,7 +43,7 @@ class SessionIdentifiers : public ::testing::Test {
   const ScopedOverride<SystemLog> logOverride_{log_};
 };
 
-// ---- minting -------------------------------------------------------------------------------------------------------
+// minting
 
 class FakeRandomDevice final : public RandomDevice {
  public:
@@ -93,7 +93,7 @@ TEST_F(SessionIdentifiers, TakesLettersAndDigitsFromTheDeviceAndNothingElse) {
   EXPECT_TRUE(generate_unprivileged_session_id().isNull());
 }
 
-// ---- storing -------------------------------------------------------------------------------------------------------
+// storing
 
 TEST_F(SessionIdentifiers, SavesRestoresAndRevokes) {
   EXPECT_TRUE(save_session_id("alice@1", "caf\xC3\xA9"));
@@ -189,7 +189,7 @@ TEST_F(SessionIdentifiers, FolderThatCannotBeMadeIsLogged) {
   EXPECT_TRUE(log_.holds(line("error in save_session_id: cannot create " + proxied("") + " (errno=20)\n")));
 }
 
-// ---- hosts, users, ports -------------------------------------------------------------------------------------------
+// hosts, users, ports
 
 TEST_F(SessionIdentifiers, SameHostByNameOrByAddress) {
   testing::FakeResolver resolver;
@@ -305,7 +305,7 @@ TEST_F(SessionIdentifiers, AsksTheFilterModuleForItsPortRestrictions) {
   EXPECT_TRUE(FilterHandler::asked.isNull()) << "null ports ask nobody";
 }
 
-// ---- files ---------------------------------------------------------------------------------------------------------
+// files
 
 TEST_F(SessionIdentifiers, ServiceConfigurationFromThePreferences) {
   EXPECT_TRUE(get_service_config().isNull());
