@@ -363,7 +363,8 @@ void BinaryWriter::writeTable(Reference root) {
 }  // namespace detail::binary
 
 std::optional<std::string> writeBinaryPropertyList(const PlistValue& value) {
-  return detail::binary::BinaryWriter().writeFile(value);
+  detail::binary::BinaryWriter writer;  // not `BinaryWriter()`, which would clear its whole buffer first
+  return writer.writeFile(value);
 }
 
 }  // namespace ostrel
