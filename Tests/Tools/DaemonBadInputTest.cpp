@@ -69,6 +69,9 @@ TEST(DaemonBadInput, EachGetsItsStatusAndOneAuditLine) {
        "refused 400 bad header"},
       {"a length that readers overlook", head(daemon, "Content-Length : 6\r\n\r\ninput="), "HTTP/1.0 400 ",
        "refused 400 bad header"},
+      {"no length", head(daemon, "\r\ninput="), "HTTP/1.0 411 ", "refused 411 no length"},
+      {"a length on a line of its own", head(daemon, "Content-Length:\r\n 6\r\n\r\ninput="), "HTTP/1.0 411 ",
+       "refused 411 no length"},
       {"two identifiers", head(daemon, identified + "Content-Length: 6\r\n\r\ninput="), "HTTP/1.0 400 ",
        "refused 400 bad header"},
       {"no length that is one", head(daemon, "Content-Length: -5\r\n\r\n"), "HTTP/1.", "no whole request"},
@@ -82,8 +85,9 @@ TEST(DaemonBadInput, EachGetsItsStatusAndOneAuditLine) {
       {"empty input", form(daemon, "input="), "HTTP/1.0 200 ", "error UNEXPECTED_COMMAND"},
       {"chunked, and right", head(daemon, "Transfer-Encoding: chunked\r\n\r\n6\r\ninput=\r\n0\r\n\r\n"),
        "HTTP/1.0 200 ", "error UNEXPECTED_COMMAND"},
-      {"a query is left aside", "POST /commands/ostrel_sample?a=%zz HTTP/1.0\r\n" + identified + "\r\n",
-       "HTTP/1.0 200 ", "ok"},
+      {"a query is left aside",
+       "POST /commands/ostrel_sample?a=%zz HTTP/1.0\r\n" + identified + "Content-Length: 0\r\n\r\n", "HTTP/1.0 200 ",
+       "ok"},
   };
   std::size_t lines = 0;
   for (const Case& c : cases) {

@@ -25,6 +25,8 @@ const char* phraseOf(int status) {
       return "Not Found";
     case 405:
       return "Method Not Allowed";
+    case 411:
+      return "Length Required";
     case 413:
       return "Content Too Large";
     default:
@@ -67,6 +69,8 @@ void CommandExchange::judge(const RequestHead& head) {
   if (!caller) return refuse(401, "not authenticated");
   caller_ = std::move(*caller);
   record_.who = caller_.user;
+  // RFC 1945, section 8.3. Taken for an empty request, it would succeed without its command having run.
+  if (!head.contentLength && !head.isChunked) return refuse(411, "no length");
   if (head.contentLength && *head.contentLength > rules_.maximumBody) return refuse(413, "body too large");
   if (head.contentLength) body_.reserve(static_cast<std::size_t>(*head.contentLength));
 }

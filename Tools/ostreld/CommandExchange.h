@@ -37,6 +37,7 @@ struct RequestHead {
   std::size_t bytes = 0;  ///< of the whole head
   RequestFault headers = RequestFault::none;
   std::optional<std::uint64_t> contentLength;
+  bool isChunked = false;              ///< the body tells its own end
   std::string_view sessionIdentifier;  ///< "" when the header is absent; so below
   std::string_view authorization;
 };

@@ -262,6 +262,7 @@ MHD_Result HttpCommandServer::handle(MHD_Connection* connection, std::string_vie
         .bytes = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_REQUEST_HEADER_SIZE)->header_size,
         .headers = judgeHeaders(headersOf(connection)),
         .contentLength = contentLengthOf(connection),
+        .isChunked = !headerOf(connection, MHD_HTTP_HEADER_TRANSFER_ENCODING).empty(),
         .sessionIdentifier = headerOf(connection, "OstrelSessionID"),
         .authorization = headerOf(connection, MHD_HTTP_HEADER_AUTHORIZATION)};
     current = new CommandExchange(rules_, entryOf(connection)->from, head);
