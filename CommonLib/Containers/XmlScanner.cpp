@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "Containers/Utf8.h"
+#include "Containers/XmlText.h"
 
 namespace ostrel::detail {
 namespace {
@@ -15,12 +16,6 @@ bool isNameCharacter(char c) noexcept { return isNameStart(c) || (c >= '0' && c 
 
 bool equalsIgnoringCase(std::string_view text, std::string_view upper) noexcept {
   return std::ranges::equal(text, upper, [](char a, char b) { return (a >= 'a' && a <= 'z' ? a - 32 : a) == b; });
-}
-
-bool isXmlCharacter(std::uint32_t character) noexcept {
-  if (character < 0x20) return character == '\t' || character == '\n' || character == '\r';
-  return character < 0xD800 || (character > 0xDFFF && character < 0xFFFE) ||
-         (character > 0xFFFF && character <= 0x10FFFF);
 }
 
 int hexDigit(char c) noexcept {

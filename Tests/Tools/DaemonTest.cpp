@@ -54,6 +54,7 @@ TEST(Daemon, CarriesCommandsOverTlsAndBack) {
   EXPECT_EQ(daemon.send(command("x"), "ostrel_nothing"), errorOf("CANNOT_LOAD_BUNDLE_ERR"));
   EXPECT_EQ(daemon.send(command("throw"), "ostrel_test"), errorOf("NIL_RESPONSE_ERR (out of paper)"));
   EXPECT_EQ(daemon.send(command("unprintable"), "ostrel_test"), errorOf("CANNOT_CREATE_XML_RESPONSE_ERR"));
+  EXPECT_EQ(daemon.send(command("control"), "ostrel_test"), PlistValue::dictionaryOf({{"text", "\xEF\xBF\xBD[1m"}}));
 
   // A megabyte each way.
   const std::string large(1 << 20, 'y');
@@ -70,7 +71,7 @@ TEST(Daemon, CarriesCommandsOverTlsAndBack) {
   EXPECT_THAT(daemon.log(),
               HasSubstr("module=\"ostrel_test\" command=\"throw\" outcome=\"error NIL_RESPONSE_ERR (out of"));
   EXPECT_THAT(daemon.log(), Not(HasSubstr("yyyyyyyy")));  // never an argument's value
-  EXPECT_THAT(daemon.auditLines(), SizeIs(9));
+  EXPECT_THAT(daemon.auditLines(), SizeIs(10));
   EXPECT_FALSE(std::filesystem::exists(daemon.root() + "/var/ostreld/local_session"));
 }
 

@@ -5,6 +5,7 @@
 
 #include "Containers/ErrorCodes.h"
 #include "Containers/Format.h"
+#include "Containers/XmlText.h"
 #include "Platform/Clock.h"
 #include "Platform/SystemLog.h"
 #include "PluginFramework/Envelope.h"
@@ -146,7 +147,9 @@ PlistValue CommandExchange::runCommand(const PlistValue& request) {
 Reply CommandExchange::documentOf(const PlistValue& response) {
   PlistValue document;
   Reply reply;
-  if (convert_response_dict_to_data(response, document)) {
+  // A control character from a log must not cost the caller the whole reply.
+  if (convert_response_dict_to_data(response, document) ||
+      (!response.isNull() && convert_response_dict_to_data(withXmlText(response), document))) {
     const PlistValue error = get_str_value_for_key(response, "error");
     record_.outcome = error.isNull() ? "ok" : format("error %s", error.stringValue());
   } else {

@@ -30,8 +30,9 @@ class TestModule : public PluginRequestHandler {
   }
   PlistValue throwWithRequest(const PlistValue&) { throw std::runtime_error("out of paper"); }
   PlistValue unprintableWithRequest(const PlistValue&) {
-    return PlistValue::dictionaryOf({{"text", std::string_view("\x01")}});
+    return PlistValue::dictionaryOf({{"\x01", "a key that XML cannot carry"}});
   }
+  PlistValue controlWithRequest(const PlistValue&) { return PlistValue::dictionaryOf({{"text", "\x1B[1m"}}); }
 
  private:
   static const OperationTable& operations() {
@@ -39,7 +40,8 @@ class TestModule : public PluginRequestHandler {
                                       {"countWithRequest:", &TestModule::countWithRequest},
                                       {"fillWithRequest:", &TestModule::fillWithRequest},
                                       {"throwWithRequest:", &TestModule::throwWithRequest},
-                                      {"unprintableWithRequest:", &TestModule::unprintableWithRequest}};
+                                      {"unprintableWithRequest:", &TestModule::unprintableWithRequest},
+                                      {"controlWithRequest:", &TestModule::controlWithRequest}};
     return table;
   }
 };
