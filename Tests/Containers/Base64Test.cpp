@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 namespace ostrel {
 namespace {
 
@@ -28,6 +29,19 @@ TEST(Base64, RefusesEverythingThatNoEncoderWrites) {
   for (const auto text : {"Zg"sv, "Zg="sv, "Z"sv, "Z==="sv, "===="sv, "Zg==Zg=="sv, "Zm9v\n"sv, "Zm 9"sv, "Zh=="sv,
                           "Zm9="sv, "Zm-_"sv, "Zg=v"sv, "Zm9vZ"sv, "Zg==\0\0\0\0"sv, "\xFF\xFF\xFF\xFF"sv}) {
     EXPECT_EQ(decodeBase64(text), std::nullopt) << text;
+  }
+}
+
+TEST(Base64, TakesTheAlphabetAndNothingElseAtEveryPlace) {
+  const std::string text(64, 'A');
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    for (int byte = 0; byte < 256; ++byte) {
+      std::string changed = text;
+      changed[at] = static_cast<char>(byte);
+      const bool isOfAlphabet = byte < 128 && (std::isalnum(byte) != 0 || byte == '+' || byte == '/');
+      const bool isPadding = byte == '=' && at == text.size() - 1;
+      EXPECT_EQ(decodeBase64(changed).has_value(), isOfAlphabet || isPadding) << byte << " at " << at;
+    }
   }
 }
 
