@@ -11,8 +11,8 @@ namespace ostrel::detail {
 char* encodeBase64Block(char* out, const char* bytes, std::size_t count) noexcept;
 
 /// Decodes whole groups of four characters until there are fewer than four or one is not of the alphabet. Moves both
-/// pointers on: 3 bytes are written for each 4 characters read. Requires: room at `out` for 3 bytes for each 4 characters
-/// up to `end`; all of that room may be written to.
+/// pointers on: 3 bytes are written for each 4 characters read. Requires: room at `out` for 3 bytes for each 4
+/// characters up to `end`; all of that room may be written to.
 void decodeBase64Groups(const char*& text, const char* end, char*& out) noexcept;
 
 /// The six bits of a character, or a negative number for one outside the alphabet ("=" is outside).
