@@ -309,6 +309,7 @@ bool BinaryReader::readBytes(std::uint64_t object, const Header& header) {
 /// Zeroed memory from the system costs nothing where it is not touched.
 BytesNode*& BinaryReader::sharedSlot(std::uint64_t object) {
   if (shared_ == nullptr) {
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): the slots are pointers
     shared_.reset(static_cast<BytesNode**>(std::calloc(objectCount_, sizeof(BytesNode*))));
     if (shared_ == nullptr) throw std::bad_alloc();
   }

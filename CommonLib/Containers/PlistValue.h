@@ -259,6 +259,7 @@ class OSTREL_EXPORT PlistValue {
     return value;
   }
 
+  // NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult): it loses track of cells made in raw storage
   bool holdsNode() const noexcept { return cell_.tag >= Tag::string; }
   detail::Node* node() const noexcept { return reinterpret_cast<detail::Node*>(cell_.bits); }
   void retain() const noexcept {

@@ -92,8 +92,9 @@ bool addCredentials(OstrelDaemonSession& session, const ControlOptions& options,
   }
   if (!options.sessionFile.empty()) {
     auto identifier = firstLineOf(options.sessionFile, fault);
-    if (identifier) session._setSessionID(std::move(identifier));
-    return identifier.has_value();
+    if (!identifier) return false;
+    session._setSessionID(std::move(identifier));
+    return true;
   }
   // The local session is nobody else's business: it never leaves this machine.
   if (!isLocal) return true;
