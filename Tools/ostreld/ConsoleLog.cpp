@@ -39,7 +39,7 @@ void ConsoleLog::write(int priority, std::string_view line) {
 void ConsoleLog::writeRecord(int priority, std::span<const Field> fields, std::string_view message) {
   log_.writeRecord(priority, fields, message);
   std::string line;
-  for (const auto& [key, value] : fields) line += '[' + key + ' ' + value + "] ";
+  for (const auto& [key, value] : fields) line.append("[").append(key).append(" ").append(value).append("] ");
   show(priority, line.append(message));
 }
 
