@@ -103,6 +103,39 @@ TEST(Control, TellsHowItWent) {
   EXPECT_EQ(daemon.log().find(daemon.sessionIdentifier()), std::string::npos);
 }
 
+TEST(Control, TellsSubcommandsFromModules) {
+  DaemonProcess daemon(DaemonProcess::Transport::plain);
+  ASSERT_TRUE(daemon.start()) << daemon.log();
+  const std::string port = std::to_string(daemon.port());
+  struct Case {
+    std::vector<std::string> words;
+    int status;
+    const char* text;
+  };
+  const Case cases[] = {
+      {{"modules"}, 0, "ostrel_sample\nostrel_test\n"},
+      {{"status", "--port", port}, 0, "daemon: ostreld 1.0.0, process "},
+      {{"--timeout", "9", "--port=" + port, "status"}, 0, "running requests"},
+      {{"--", "status", "getState"}, 1, "status answered CANNOT_LOAD_BUNDLE_ERR to getState"},
+      {{"--json", "--", "modules", "getState"}, 1, "modules answered CANNOT_LOAD_BUNDLE_ERR to getState"},
+      {{"ostrel_sample", "status"}, 1, "ostrel_sample answered UNEXPECTED_COMMAND to status"},
+      {{"ostrel_sample", "echo", "status=modules"}, 0, "status: modules"},
+      {{"ostreld", "makeCoffee"}, 1, "ostreld answered UNEXPECTED_COMMAND to makeCoffee"},
+      {{"--port", "status", "modules"}, 2, "--port"},
+      {{"status", "modules"}, 2, "modules"},
+      {{"status", "--help"}, 0, "Usage: ostrelctl status"},
+      {{"--help"}, 0, "modules  "},
+  };
+  for (const Case& c : cases) {
+    const Outcome outcome = control(daemon, c.words);
+    EXPECT_EQ(outcome.status, c.status) << c.words[0] << ": " << outcome.errors;
+    EXPECT_THAT(outcome.errors + outcome.output, HasSubstr(c.text)) << c.words[0];
+  }
+  const auto status = nlohmann::json::parse(control(daemon, {"status", "--json"}).output);
+  EXPECT_EQ(status["outstandingRequests"], nlohmann::json::array());
+  EXPECT_LT(status["uptimeSeconds"].get<double>(), 60);
+}
+
 TEST(Control, ChecksTheCertificateWhenAsked) {
   if (!testing::mayUseTlsPort()) GTEST_SKIP() << "this user may not listen on port 311";
   DaemonProcess daemon(DaemonProcess::Transport::tls);

@@ -34,7 +34,7 @@ std::optional<Endpoint> localEndpoint() {
   return Endpoint{line->substr(0, space), line->substr(space + 1, line->find('\n') - space - 1)};
 }
 
-Endpoint endpointFor(const ControlOptions& options) {
+Endpoint endpointFor(const SharedOptions& options) {
   if (!options.host.empty() || !options.port.empty()) {
     return {options.host.empty() ? "localhost" : options.host, options.port.empty() ? tlsPort : options.port};
   }
@@ -81,7 +81,7 @@ std::optional<std::string> askForPassword(const std::string& user, std::string& 
   return std::nullopt;
 }
 
-bool addCredentials(OstrelDaemonSession& session, const ControlOptions& options, bool isLocal, std::string& fault) {
+bool addCredentials(OstrelDaemonSession& session, const SharedOptions& options, bool isLocal, std::string& fault) {
   if (!options.user.empty()) {
     auto password =
         options.passwordFile.empty() ? askForPassword(options.user, fault) : firstLineOf(options.passwordFile, fault);
@@ -111,7 +111,7 @@ bool addCredentials(OstrelDaemonSession& session, const ControlOptions& options,
 
 }  // namespace
 
-std::shared_ptr<OstrelDaemonSession> sessionFor(const ControlOptions& options, std::string& fault) {
+std::shared_ptr<OstrelDaemonSession> sessionFor(const SharedOptions& options, std::string& fault) {
   const Endpoint endpoint = endpointFor(options);
   const std::string host = reachable(endpoint.host);
   const bool isLocal = isThisMachine(host);
@@ -122,7 +122,7 @@ std::shared_ptr<OstrelDaemonSession> sessionFor(const ControlOptions& options, s
                    endpoint.port, host);
     return nullptr;
   }
-  auto session = OstrelDaemonSession::initWithService(options.module);
+  auto session = OstrelDaemonSession::init();
   session->setHost(host.find(':') == std::string::npos ? host : "[" + host + "]");
   session->setPort(endpoint.port);
   session->setForceValidCertificate(options.verifyCertificate || (!isLocal && !options.insecure));

@@ -27,6 +27,7 @@
 #include "ostreld/Certificate.h"
 #include "ostreld/CommandServer.h"
 #include "ostreld/ConsoleLog.h"
+#include "ostreld/DaemonCommands.h"
 #include "ostreld/RunningFiles.h"
 #include "ostreld/ServiceNotice.h"
 
@@ -179,9 +180,10 @@ int runDaemon(const DaemonOptions& options) {
   }
 
   BundleManager& modules = BundleManager::defaultManager();
+  DaemonCommands commands(modules);
   ExchangeRules rules{Authenticator({*session}),
-                      [&modules](const PlistValue& request, const std::string& module, const std::string& user) {
-                        return modules.doCommand(request, module, user);
+                      [&commands](const PlistValue& request, const std::string& module, const std::string& user) {
+                        return commands.run(request, module, user);
                       },
                       options.maximumHead, options.maximumBody};
   ConnectionLimits connections = options.connections;

@@ -1,0 +1,107 @@
+#include "ostrelctl/Exchange.h"
+
+#include <signal.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "Containers/Format.h"
+#include "Containers/PropertyList.h"
+#include "Platform/HostRoot.h"
+#include "ostrelctl/Connection.h"
+#include "ostrelctl/JsonForm.h"
+#include "ostrelctl/TextForm.h"
+
+namespace ostrel {
+namespace {
+
+/// The whole exchange runs in blocking calls, several attempts of it: only a signal ends it from outside.
+void endAfter(double seconds) {
+  signal(SIGALRM, [](int) {
+    static constexpr char reason[] = "ostrelctl: no reply in time (--timeout)\n";
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, reason, sizeof reason - 1);
+    _exit(noReply);
+  });
+  itimerval timer{};
+  timer.it_value.tv_sec = static_cast<time_t>(seconds);
+  timer.it_value.tv_usec = static_cast<suseconds_t>((seconds - static_cast<double>(timer.it_value.tv_sec)) * 1e6);
+  if (seconds > 0 && timer.it_value.tv_sec == 0 && timer.it_value.tv_usec == 0) timer.it_value.tv_usec = 1;
+  setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
+}  // namespace
+
+int fail(ExitStatus status, const std::string& reason) {
+  std::fprintf(stderr, "ostrelctl: %s\n", reason.c_str());
+  return status;
+}
+
+std::optional<Exchange> Exchange::open(const SharedOptions& options, int& exitStatus) {
+  if (!options.root.empty()) setHostRoot(options.root);
+  std::string fault;
+  auto session = sessionFor(options, fault);
+  if (session) return Exchange(options, std::move(session));
+  exitStatus = fail(wrongUsage, fault);
+  return std::nullopt;
+}
+
+std::optional<Answer> Exchange::send(const std::string& module, const PlistValue& request, int& exitStatus) {
+  const auto refuse = [&](ExitStatus status, const std::string& reason) {
+    exitStatus = fail(status, reason);
+    return std::nullopt;
+  };
+  // Sent all the same, it would be an empty request, which asks nothing and succeeds.
+  if (!writeXmlPropertyList(request))
+    return refuse(wrongUsage, "the command or an argument holds what XML cannot carry");
+  session_->setService(module);
+  if (!session_->buildURL(request, {})) {
+    return refuse(wrongUsage, "the host, port or module cannot be part of a URL");
+  }
+  endAfter(options_.timeout);
+  const PlistValue body = session_->sendSyncRequest(request, {}, rawPayload);
+  endAfter(0);
+  if (session_->failureReason()) return refuse(noReply, *session_->failureReason());
+  if (session_->status() != 1) return refuse(noReply, "the exchange was not completed");
+
+  Answer answer{readPropertyList(body.dataBytes()), std::string(body.dataBytes())};
+  if (!answer.reply.isDictionary()) {
+    if (options_.form != OutputForm::raw) {
+      return refuse(noReply, "the reply is not a property list with a dictionary (--raw prints it)");
+    }
+    answer.reply = nullptr;
+  }
+  return answer;
+}
+
+std::string textInForm(const PlistValue& value, const std::string& bytes, OutputForm form) {
+  switch (form) {
+    case OutputForm::raw:
+      return bytes;
+    case OutputForm::json:
+      return jsonText(value);
+    case OutputForm::xml:
+      return writeXmlPropertyList(value).value_or("");
+    default:
+      return readableText(value);
+  }
+}
+
+int print(const std::string& text) {
+  const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
+  return written ? done : fail(noReply, "cannot write to standard output");
+}
+
+std::optional<std::string> errorOf(const PlistValue& reply, const std::string& module, const std::string& command) {
+  const PlistValue error = reply.get("error");
+  if (error.isNull()) return std::nullopt;
+  return format("%s answered %s to %s", module, error.description(), command);
+}
+
+int printAnswer(const Answer& answer, OutputForm form, const std::string& module, const std::string& command) {
+  if (const int status = print(textInForm(answer.reply, answer.bytes, form)); status != done) return status;
+  const auto error = errorOf(answer.reply, module, command);
+  return error ? fail(replyHoldsError, *error) : done;
+}
+
+}  // namespace ostrel

@@ -1,0 +1,18 @@
+#include "ostrelctl/Subcommands.h"
+
+#include "ostrelctl/ModulesCommand.h"
+#include "ostrelctl/StatusCommand.h"
+
+namespace ostrel {
+namespace {
+
+constexpr SubcommandEntry table[] = {
+    {"status", "Show how the daemon fares", makeStatusCommand},
+    {"modules", "List the daemon's modules", makeModulesCommand},
+};
+
+}  // namespace
+
+std::span<const SubcommandEntry> subcommandTable() { return table; }
+
+}  // namespace ostrel
