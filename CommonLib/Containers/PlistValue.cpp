@@ -218,6 +218,15 @@ bool PlistValue::set(std::string_view key, PlistValue value) {
   return true;
 }
 
+std::span<char> PlistValue::changeData(std::string_view key) {
+  auto* dictionary = PlistStorage::dictionary(*this);
+  const PlistValue* found = find(key);
+  if (found == nullptr || !found->isData() || !dictionary->isMutable) return {};
+  if (!PlistStorage::isSoleOwner(*found)) set(key, PlistData{found->dataBytes()});
+  auto* bytes = static_cast<detail::BytesNode*>(find(key)->node());
+  return {bytes->bytes(), bytes->length};
+}
+
 bool PlistValue::remove(std::string_view key) {
   auto* dictionary = PlistStorage::dictionary(*this);
   if (dictionary == nullptr || !dictionary->isMutable) return false;

@@ -177,6 +177,11 @@ class OSTREL_EXPORT PlistValue {
   /// Dictionary: sets `key`, keeping its place when it is there already. False, and nothing changed, when this is
   /// not a mutable dictionary, the value is null or the value is this dictionary itself.
   bool set(std::string_view key, PlistValue value);
+  /// Dictionary: the bytes of the data value under `key`, to be changed in place. Other handles on that value keep
+  /// what they have: while there are any, the dictionary first gets a copy of its own. Empty, and nothing changed, when
+  /// this is no mutable dictionary or the value is no data. Valid until the dictionary is written to or the value is
+  /// shared again.
+  std::span<char> changeData(std::string_view key);
   /// Dictionary: true when `key` was there and is gone. Linear in the count: the others keep their order.
   bool remove(std::string_view key);
   /// Dictionary: its entries in order, empty for other kinds. Valid until the next write.

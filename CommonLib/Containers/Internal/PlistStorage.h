@@ -149,6 +149,10 @@ class PlistStorage {
     if (copy.holdsNode()) ++copy.node()->references;
     return copy;
   }
+  /// Whether this handle on a heap value is the only one: nobody else can then take a share of it.
+  static bool isSoleOwner(const PlistValue& value) noexcept {
+    return std::atomic_ref(value.node()->references).load(std::memory_order_acquire) == 1;
+  }
   static void markPlainKeys(PlistValue& dictionaryValue) noexcept { dictionaryValue.node()->hasPlainKeys = true; }
   static bool hasPlainKeys(const PlistValue& dictionaryValue) noexcept { return dictionaryValue.node()->hasPlainKeys; }
 

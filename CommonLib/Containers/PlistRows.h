@@ -1,0 +1,39 @@
+// Many small dictionaries at once: the rows of a table or the samples of a time series.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string_view>
+
+#include "Containers/Export.h"
+#include "Containers/PlistValue.h"
+
+namespace ostrel {
+
+/// Makes an array of dictionaries row by row. The rows share blocks of memory and their keys, so that a row costs far
+/// less than a dictionary that is made alone; one row kept for long keeps at most 64 KB from being freed.
+///
+/// Threads: one object on one thread at a time. Operations throw std::bad_alloc only.
+class OSTREL_EXPORT PlistRows {
+ public:
+  /// How many rows and entries in a row to expect; more or fewer may come.
+  PlistRows(std::size_t rows, std::size_t entriesPerRow);
+  ~PlistRows();
+  PlistRows(const PlistRows&) = delete;
+  PlistRows& operator=(const PlistRows&) = delete;
+
+  /// Adds an entry to the row that is being made. Requires: `key` is a string that the row does not have yet, and
+  /// `value` is not null.
+  void add(const PlistValue& key, PlistValue value);
+  /// Ends the row.
+  void endRow();
+
+  /// The rows in order, a mutable array of mutable dictionaries; this object is empty afterwards.
+  PlistValue finish();
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace ostrel
