@@ -1,0 +1,42 @@
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "Containers/LeadingInteger.h"
+#include "DaemonServices/Internal/RegularFile.h"
+#include "DaemonServices/ProcessControl.h"
+#include "Platform/HostRoot.h"
+
+namespace ostrel {
+namespace {
+
+constexpr std::string_view pidFolder = "/var/run/";
+constexpr std::string_view pidExtension = ".pid";
+constexpr std::size_t longestPath = 1023;
+constexpr std::size_t largestFile = 16 << 20;
+
+FileDescriptor openPidFile(std::string_view name) {
+  if (name.starts_with('/')) return detail::openRegularFile(std::string(name));
+  // Turned round, and meant so: a relative name is looked up only when it is too long to fit.
+  if (name.size() + pidFolder.size() <= longestPath) return {};
+  const std::string path = (std::string(pidFolder) + std::string(name)).substr(0, longestPath);
+  FileDescriptor file = detail::openRegularFile(hostPath(path));
+  return file ? std::move(file) : detail::openRegularFile(hostPath(path + std::string(pidExtension)));
+}
+
+}  // namespace
+
+int ec_pid_from_pid_file(const char* name) {
+  if (name == nullptr || *name == '\0') return -1;
+  const FileDescriptor file = openPidFile(name);
+  const auto text = file ? readToEnd(file.get(), largestFile) : std::nullopt;
+  const auto number = text ? leadingInteger(*text) : std::nullopt;
+  return number && std::in_range<int>(*number) ? static_cast<int>(*number) : -1;
+}
+
+pid_t ec_pid_from_pid_file_or_process_named(const char* pidFile, const char* name) {
+  const int pid = ec_pid_from_pid_file(pidFile);
+  return pid > 0 ? ec_check_pid_for_process_named(pid, name) : ec_pid_for_process_named(name);
+}
+
+}  // namespace ostrel
