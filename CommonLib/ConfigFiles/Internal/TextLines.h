@@ -1,0 +1,39 @@
+// What the editors of line-oriented files share: reading a file as text, its lines, and their words.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Containers/PlistValue.h"
+#include "Platform/Mutex.h"
+
+namespace ostrel::detail {
+
+/// Larger files are taken for unreadable: no configuration is, and an editor holds several copies.
+inline constexpr std::size_t maximumConfigurationSize = std::size_t{4} << 20U;
+
+/// A whole file that is valid UTF-8. Absent when it cannot be read, is no regular file (nothing is waited for) or is
+/// larger than `maximumConfigurationSize`; errno tells why.
+std::optional<std::string> readConfigurationText(const std::string& path);
+
+/// The lines of a text without their line feeds: one more than it has line feeds, so that a text that ends with one
+/// has an empty last line. Carriage returns stay.
+std::vector<std::string_view> linesOf(std::string_view text);
+
+/// Without spaces and tabs at both ends.
+std::string_view trimBlanks(std::string_view text);
+
+/// Takes the first word off `rest`: skips spaces and tabs, then takes what comes up to the next one. "" at the end.
+std::string_view takeWord(std::string_view& rest);
+
+/// Whether a key or a value fits in one line of a file: a string of valid UTF-8 without line feed and NUL. What does
+/// not could write a second setting beside its own.
+bool fitsOneLine(const PlistValue& text);
+
+/// Held from reading a file to replacing it: modules that are not serialised against one another share files.
+Mutex& editing();
+
+}  // namespace ostrel::detail

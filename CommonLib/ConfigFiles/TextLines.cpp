@@ -1,0 +1,69 @@
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "ConfigFiles/Internal/TextLines.h"
+#include "Containers/Utf8.h"
+#include "Platform/FileDescriptor.h"
+
+namespace ostrel::detail {
+namespace {
+
+constexpr std::string_view blanks = " \t";
+
+}  // namespace
+
+std::optional<std::string> readConfigurationText(const std::string& path) {
+  // O_NONBLOCK: a named pipe without a writer must not hold the caller up.
+  const FileDescriptor file = openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+  if (!file) return std::nullopt;
+  const auto status = descriptorStatus(file.get());
+  if (!status) return std::nullopt;
+  if (!status->isRegularFile()) {
+    errno = status->isDirectory() ? EISDIR : EINVAL;
+    return std::nullopt;
+  }
+  auto text = readToEnd(file.get(), maximumConfigurationSize);
+  if (text && !isValidUtf8(*text)) {
+    errno = EILSEQ;
+    text.reset();
+  }
+  return text;
+}
+
+std::vector<std::string_view> linesOf(std::string_view text) {
+  std::vector<std::string_view> lines;
+  lines.reserve(static_cast<std::size_t>(std::ranges::count(text, '\n')) + 1);
+  for (;;) {
+    const std::size_t end = text.find('\n');
+    lines.push_back(text.substr(0, end));
+    if (end == std::string_view::npos) return lines;
+    text.remove_prefix(end + 1);
+  }
+}
+
+std::string_view trimBlanks(std::string_view text) {
+  text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
+  return text.substr(0, text.find_last_not_of(blanks) + 1);
+}
+
+std::string_view takeWord(std::string_view& rest) {
+  rest.remove_prefix(std::min(rest.find_first_not_of(blanks), rest.size()));
+  const std::string_view word = rest.substr(0, rest.find_first_of(blanks));
+  rest.remove_prefix(word.size());
+  return word;
+}
+
+bool fitsOneLine(const PlistValue& text) {
+  const std::string_view bytes = text.stringValue();
+  return text.isString() && bytes.find_first_of(std::string_view("\n\0", 2)) == std::string_view::npos &&
+         isValidUtf8(bytes);
+}
+
+Mutex& editing() {
+  static Mutex mutex;
+  return mutex;
+}
+
+}  // namespace ostrel::detail
