@@ -26,4 +26,19 @@ OstrelDaemonSessTask::OstrelDaemonSessTask(PlistValue requestValue, std::optiona
       notifySelector(std::move(selector)),
       transactionNb(number) {}
 
+OstrelDaemonSessTask::~OstrelDaemonSessTask() {
+  setComPortsArray({});
+  setComConnection(nullptr);
+}
+
+void OstrelDaemonSessTask::setComPortsArray(std::vector<Communication> ports) {
+  comPortsArray_.swap(ports);
+  for (const Communication& previous : ports) previous->invalidate();
+}
+
+void OstrelDaemonSessTask::setComConnection(Communication connection) {
+  comConnection_.swap(connection);
+  if (connection != nullptr) connection->invalidate();
+}
+
 }  // namespace ostrel

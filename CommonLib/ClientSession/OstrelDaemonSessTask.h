@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "ClientSession/OstrelDaemonSessTarget.h"
 #include "Containers/Export.h"
@@ -15,9 +16,17 @@ namespace ostrel {
 /// What a request's reply is turned into; every other number means the raw bytes too.
 enum OstrelDaemonSessPayload : std::uint32_t { dictionaryPayload = 0, rawPayload = 1 };
 
+/// A port or a connection of ports, by which results would travel on a platform that cannot run an operation on its
+/// main thread. None is ever made here.
+class OSTREL_EXPORT OstrelDaemonSessCommunication {
+ public:
+  virtual ~OstrelDaemonSessCommunication() = default;
+  virtual void invalidate() = 0;
+};
+
 /// A request as it is handed to the transaction procedure. Later changes of the session do not reach it.
 ///
-/// Threads: one thread at a time; a task is made on the issuing thread and then belongs to the thread that runs it.
+/// Threads: a task is made on the issuing thread; once it runs on one of its own, everyone only reads it.
 class OSTREL_EXPORT OstrelDaemonSessTask {
  public:
   /// initWithRequest:URLPrefix:payloadType:protocol:port:service:host:userName:password:sessionID:lowerPriority:
@@ -29,6 +38,9 @@ class OSTREL_EXPORT OstrelDaemonSessTask {
                        std::optional<std::string> sessionID, bool lowerPriority,
                        std::shared_ptr<OstrelDaemonSessTarget> notifyTarget, std::optional<std::string> notifySelector,
                        std::optional<std::uint32_t> transactionNb);
+  ~OstrelDaemonSessTask();
+  OstrelDaemonSessTask(const OstrelDaemonSessTask&) = delete;
+  OstrelDaemonSessTask& operator=(const OstrelDaemonSessTask&) = delete;
 
   PlistValue request;                    ///< dictionary, data or null
   std::optional<std::string> URLPrefix;  ///< replaces the whole URL when present
@@ -44,6 +56,18 @@ class OSTREL_EXPORT OstrelDaemonSessTask {
   std::shared_ptr<OstrelDaemonSessTarget> notifyTarget;
   std::optional<std::string> notifySelector;   ///< the operation that gets this request's result
   std::optional<std::uint32_t> transactionNb;  ///< absent marks a synchronous task
+
+  using Communication = std::shared_ptr<OstrelDaemonSessCommunication>;
+  const std::vector<Communication>& comPortsArray() const { return comPortsArray_; }
+  const Communication& comConnection() const { return comConnection_; }
+  /// Invalidates every port of the previous list. Requires: none is null.
+  void setComPortsArray(std::vector<Communication> ports);
+  /// Invalidates the previous connection.
+  void setComConnection(Communication connection);
+
+ private:
+  std::vector<Communication> comPortsArray_;
+  Communication comConnection_;
 };
 
 }  // namespace ostrel

@@ -45,7 +45,7 @@ std::shared_ptr<OstrelDaemonSession> OstrelDaemonSession::initWithService(Text s
                                                                           Text notifySelector) {
   auto session = init();
   session->service_ = std::move(service);
-  session->notifyTarget_ = std::move(notifyTarget);
+  session->setNotifyTarget(std::move(notifyTarget));
   session->notifySelector_ = std::move(notifySelector);
   return session;
 }
@@ -127,6 +127,11 @@ std::string OstrelDaemonSession::description() const {
   return text;
 }
 
+void OstrelDaemonSession::setNotifyTarget(Target target) {
+  hasNotifyTarget_ = target != nullptr;
+  notifyTarget_.swap(target);  // the old one goes last: its destructor may look at this session
+}
+
 // Session identifier and life cycle.
 
 OstrelDaemonSession::Text OstrelDaemonSession::sessionID() const {
@@ -149,7 +154,7 @@ void OstrelDaemonSession::deauthenticate() {
 
 void OstrelDaemonSession::deinit() {
   if (_pendingRequestsCount < 1) {
-    notifyTarget_ = nullptr;
+    setNotifyTarget(nullptr);
   } else {
     _askedToAbort = true;
     _releaseNotifyTarget = true;

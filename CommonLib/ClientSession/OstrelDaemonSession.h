@@ -27,7 +27,9 @@ namespace ostrel {
 /// Threads: `sessionID`, `_setSessionID`, `forceValidCertificate`, `useTimeoutForTransactions`, their setters and the
 /// static operations may be called from any thread at any time. Everything else belongs to one thread at a time: the
 /// main thread, or the single caller of the synchronous operations. Distinct sessions are independent.
-/// Nothing throws except std::bad_alloc.
+/// The asynchronous requests of a session keep it: it is destroyed, on the main thread then, once its last owner has
+/// let go of it and its last request has been delivered. What a callback throws is logged; otherwise nothing throws
+/// except std::bad_alloc. docs/asynchronous-client.md shows the asynchronous use as a whole.
 class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<OstrelDaemonSession> {
   struct Private {
     explicit Private() = default;
@@ -93,7 +95,8 @@ class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<Os
   void setHost(Text host) { host_ = std::move(host); }
   void setUserName(Text userName) { userName_ = std::move(userName); }
   void setPassword(Text password) { password_ = std::move(password); }
-  void setNotifyTarget(Target target) { notifyTarget_ = std::move(target); }
+  /// The session owns its target; see `OstrelDaemonSessTarget::weaklyReferring` for one that owns its session.
+  void setNotifyTarget(Target target);
   void setNotifySelector(Text selector) { notifySelector_ = std::move(selector); }
 
   /// When true, the daemon's certificate must chain to a root that this host trusts, be unexpired and be made out to
@@ -142,6 +145,36 @@ class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<Os
   /// authenticateInSyncMode: an empty request, sent to have the credentials checked and an identifier issued.
   PlistValue authenticateInSyncMode();
 
+  // The asynchronous interface (OstrelDaemonSessionAsyncMethods), for the main thread (Platform/MainEventLoop.h).
+
+  /// sendAsyncRequest:withURLPrefix:payloadType: (also `sendAsyncRequest:` and `sendAsyncRequest:withURLPrefix:`) is
+  /// the next form with the session's own `notifySelector`.
+  std::uint32_t sendAsyncRequest(const PlistValue& request, const Text& URLPrefix = {},
+                                 std::uint32_t payloadType = dictionaryPayload);
+  /// sendAsyncRequest:withURLPrefix:payloadType:notifySelector: issues a request and returns at once. Arguments as for
+  /// `sendSyncRequest`; the request is copied. A tenth of a second later the target's operation `notifySelector` is
+  /// told that it begins, then a thread of its own runs the exchange, then the operation gets the result: see
+  /// `OstrelDaemonSessNotification`. All of this happens while the main event loop runs.
+  ///
+  /// The request's number: 1 for a session's first one. 0, and a log line, when the caller is not the main thread;
+  /// nothing has changed then.
+  /// While a request is pending and the session holds no identifier, further ones wait; each result starts one of them,
+  /// so that the first reply can hand out the identifier. With more than 128 pending ones a request is rejected:
+  /// logged, and it and all that wait are told that they begin and are cancelled. Without a target or operation a
+  /// result vanishes: the request stays pending and what waits is never started.
+  std::uint32_t sendAsyncRequest(const PlistValue& request, const Text& URLPrefix, std::uint32_t payloadType,
+                                 const Text& notifySelector);
+  /// authenticateInAsyncModeWithNotifySelector: an empty request, whose reply hands an identifier out.
+  std::uint32_t authenticateInAsyncModeWithNotifySelector(const Text& notifySelector);
+  /// authenticateInAsyncMode: the same with the session's `notifySelector`.
+  std::uint32_t authenticateInAsyncMode();
+  /// cancelAsyncRequests: with requests pending, asks them to end. What has not begun its exchange skips it; a running
+  /// exchange ends with its next piece of the reply, not before; all are reported as cancelled. Nothing otherwise.
+  /// Until a request starts without waiting for others, the session then sends nothing, synchronous requests included.
+  void cancelAsyncRequests();
+  /// canCancel: whether a request is pending.
+  bool canCancel() const { return _pendingRequestsCount > 0; }
+
   // Helpers of the exchange.
 
   /// buildURL:withPrefix:protocol:host:port:service: the URL `prefix`, or else protocol "://" host ":" port
@@ -182,11 +215,30 @@ class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<Os
   Text _sendRequestAndWaitForResponseDataWithURL(const CommandURL& url, const Text& authHeader,
                                                  const PlistValue& request, std::optional<std::uint32_t> transactionNb,
                                                  std::int32_t& status, Text& sessionID, Text& failureReason);
+  /// _processOstrelDaemonSessTask: starts a task: its begin notification, "kStartingTransactionNotif" and its thread.
+  void _processOstrelDaemonSessTask(const std::shared_ptr<OstrelDaemonSessTask>& task);
   /// _processOstrelDaemonSessTaskChildThread: the whole transaction of a task, on the calling thread: attempts, the
-  /// process-wide count and, for a synchronous task, the result in this session.
+  /// process-wide count and the result: in this session for a synchronous task, otherwise handed to the main thread,
+  /// which it waits for.
   void _processOstrelDaemonSessTaskChildThread(const OstrelDaemonSessTask& task);
+  /// _relayNotification: gives a result to the target's operation that the notification's object names, posts
+  /// "kCompletedTransactionNotif" and starts or cancels what waits. Main thread.
+  void _relayNotification(const std::shared_ptr<OstrelDaemonSessNotification>& notification);
+  /// _cancelPendingRequestsWithSendBeginNotification: tells all waiting requests that they are cancelled (with the flag
+  /// that they begin, too) and forgets them. Main thread.
+  void _cancelPendingRequestsWithSendBeginNotification(bool sendBeginNotification);
 
  private:
+  using TaskList = std::list<std::shared_ptr<OstrelDaemonSessTask>>;
+  struct Outcome;
+
+  Outcome perform(const OstrelDaemonSessTask& task);
+  void deliver(const OstrelDaemonSessTask& task, const Outcome& outcome);
+  void startThread(const std::shared_ptr<OstrelDaemonSessTask>& task);
+  void cancelTasks(TaskList tasks, bool sendBeginNotification);
+  OstrelDaemonSessNotification notificationOf(const std::shared_ptr<OstrelDaemonSessTask>& task,
+                                              std::string_view about);
+
   Text protocol_;
   Text port_;
   Text service_;
@@ -194,6 +246,7 @@ class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<Os
   Text userName_;
   Text password_;
   Target notifyTarget_;
+  std::atomic<bool> hasNotifyTarget_{false};  // for the worker threads
   Text notifySelector_;
   std::atomic<bool> forceValidCertificate_{false};
   std::atomic<bool> useTimeoutForTransactions_{false};
@@ -206,7 +259,8 @@ class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<Os
   std::atomic<std::int32_t> _pendingRequestsCount{0};
   std::atomic<bool> _askedToAbort{false};
   std::atomic<bool> _releaseNotifyTarget{false};
-  std::list<std::shared_ptr<OstrelDaemonSessTask>> _ostrelDaemonSessTasks;
+  TaskList _ostrelDaemonSessTasks;
+  bool cancelling_ = false;
   PlistValue _syncResponse;
   std::atomic<bool> _askedToDeauthenticate{false};
   // Only for a platform that cannot run an operation on the main thread: never here.

@@ -5,10 +5,12 @@
 #include <string>
 #include <utility>
 
+#include "ClientSession/Internal/TransactionOutcome.h"
 #include "ClientSession/OstrelDaemonSession.h"
 #include "Containers/ErrorCodes.h"
 #include "Containers/Format.h"
 #include "Platform/Clock.h"
+#include "Platform/MainEventLoop.h"
 
 namespace ostrel {
 namespace {
@@ -49,28 +51,8 @@ class PendingTransaction {
   bool pauses_ = false;
 };
 
-struct Outcome {
-  std::int32_t status = 3;
-  Text sessionID;
-  Text failureReason;
-  PlistValue result;
-  std::size_t newBytes = 0;  ///< bytes of the reply's body
-};
-
-void settleResult(Outcome& outcome, const Text& body, const OstrelDaemonSessTask& task,
-                  const std::optional<CommandURL>& url) {
-  const bool wantsDictionary = task.payloadType == dictionaryPayload;
-  if (body && outcome.status == 1) {
-    outcome.newBytes = body->size();
-    outcome.result =
-        wantsDictionary ? OstrelDaemonSession::buildNSDictionaryFromResponseData(*body) : PlistValue(PlistData{*body});
-    return;
-  }
-  outcome.result =
-      wantsDictionary ? PlistValue::dictionaryOf({{"error", errors::emptyResponse}}) : PlistValue(PlistData{""});
-  if (!outcome.failureReason) {
-    outcome.failureReason = format("HTTP_REQUEST_FAILED: %@: %@", url ? url->text() : std::string("nil"), "no details");
-  }
+std::optional<CommandURL> urlOf(const OstrelDaemonSessTask& task) {
+  return OstrelDaemonSession::buildURL(task.request, task.URLPrefix, task.protocol, task.host, task.port, task.service);
 }
 
 }  // namespace
@@ -83,10 +65,18 @@ bool OstrelDaemonSession::areMultithreadedTransactionsDisabledForHost(const Text
   return gDisableMultithreadedTransactions;
 }
 
-void OstrelDaemonSession::_processOstrelDaemonSessTaskChildThread(const OstrelDaemonSessTask& task) {
-  PendingTransaction pending;
+void OstrelDaemonSession::Outcome::fail(const OstrelDaemonSessTask& task) {
+  newBytes = 0;
+  result = task.payloadType == dictionaryPayload ? PlistValue::dictionaryOf({{"error", errors::emptyResponse}})
+                                                 : PlistValue(PlistData{""});
+  if (failureReason) return;
+  const auto url = urlOf(task);
+  failureReason = format("HTTP_REQUEST_FAILED: %@: %@", url ? url->text() : std::string("nil"), "no details");
+}
+
+OstrelDaemonSession::Outcome OstrelDaemonSession::perform(const OstrelDaemonSessTask& task) {
   Outcome outcome;
-  const auto url = buildURL(task.request, task.URLPrefix, task.protocol, task.host, task.port, task.service);
+  const auto url = urlOf(task);
   Text authHeader;
   if (task.userName && task.password && !task.userName->empty())
     authHeader = buildAuthorizationHeader(url, task.userName, task.password);
@@ -99,14 +89,59 @@ void OstrelDaemonSession::_processOstrelDaemonSessTaskChildThread(const OstrelDa
       if (body || !outcome.failureReason) break;
     }
   }
-  settleResult(outcome, body, task, url);
+  if (!body || outcome.status != 1) {
+    outcome.fail(task);
+    return outcome;
+  }
+  outcome.newBytes = body->size();
+  outcome.result = task.payloadType == dictionaryPayload ? buildNSDictionaryFromResponseData(*body)
+                                                         : PlistValue(PlistData{std::move(*body)});
+  return outcome;
+}
+
+void OstrelDaemonSession::_processOstrelDaemonSessTaskChildThread(const OstrelDaemonSessTask& task) {
+  PendingTransaction pending;
+  Outcome outcome = perform(task);
   if (outcome.sessionID) _setSessionID(outcome.sessionID);
-  if (!task.transactionNb) {
+  pending.finishWith(outcome.result);
+  if (task.transactionNb) {
+    deliver(task, outcome);
+  } else {
     status_ = outcome.status;
     failureReason_ = std::move(outcome.failureReason);
     _syncResponse = outcome.result;
   }
-  pending.finishWith(outcome.result);
+}
+
+// The results of asynchronous requests.
+
+PlistValue detail::notificationDetails(const OstrelDaemonSessTask& task, std::string_view about) {
+  PlistValue details = PlistValue::mutableDictionary();
+  details.set("name", about);
+  details.set("transactionNb", task.transactionNb.value_or(0));
+  if (task.service) details.set("service", *task.service);
+  return details;
+}
+
+void OstrelDaemonSession::deliver(const OstrelDaemonSessTask& task, const Outcome& outcome) {
+  if (!hasNotifyTarget_ || !task.notifySelector) return;  // the request then stays pending: this is meant
+  const bool cancelled = _askedToAbort;
+  const bool finished = !cancelled && outcome.status == 1;
+  const auto notification = std::make_shared<OstrelDaemonSessNotification>();
+  notification->object = *task.notifySelector;
+  PlistValue& details = notification->userInfo;
+  details = detail::notificationDetails(task, cancelled  ? "ResourceDidCancelLoading"
+                                              : finished ? "ResourceDidFinishLoading"
+                                                         : "ResourceDidFailLoadingWithReason");
+  details.set("sessionID", outcome.sessionID.value_or(""));
+  details.set("status", outcome.status);
+  if (finished) {
+    details.set("newBytes", format("%i", static_cast<std::int64_t>(outcome.newBytes)));
+    if (!outcome.result.isNull()) details.set("response", outcome.result);
+  } else if (!cancelled) {
+    details.set("reason", outcome.failureReason.value_or(""));
+  }
+  MainEventLoop::shared().runOnMainThreadAndWait([&] { _relayNotification(notification); });
 }
 
 // The synchronous interface.

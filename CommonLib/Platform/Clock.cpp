@@ -18,8 +18,7 @@ class HostClock final : public Clock {
 }  // namespace
 
 std::atomic<Clock*>& Clock::slot() {
-  static HostClock host;
-  static std::atomic<Clock*> slot{&host};
+  static std::atomic<Clock*> slot{new HostClock};  // kept: other threads may use it while the process exits
   return slot;
 }
 

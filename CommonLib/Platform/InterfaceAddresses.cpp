@@ -44,8 +44,8 @@ class HostInterfaceAddresses final : public InterfaceAddresses {
 }  // namespace
 
 std::atomic<InterfaceAddresses*>& InterfaceAddresses::slot() {
-  static HostInterfaceAddresses host;
-  static std::atomic<InterfaceAddresses*> slot{&host};
+  static std::atomic<InterfaceAddresses*> slot{
+      new HostInterfaceAddresses};  // kept: other threads may use it while the process exits
   return slot;
 }
 

@@ -1,6 +1,8 @@
 #include "Platform/MainEventLoop.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -38,6 +40,8 @@ class AtExit {
   Action action_;
 };
 
+FileDescriptor makeTimer() { return FileDescriptor(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)); }
+
 // One work that a thread waits for.
 class HandedOver {
  public:
@@ -68,13 +72,27 @@ class HandedOver {
 
 }  // namespace
 
-MainEventLoop::MainEventLoop() : timer_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
+MainEventLoop::MainEventLoop() : timer_(makeTimer()) {
   if (!timer_) throw std::system_error(errno, std::generic_category(), "timerfd_create");
+  surviveForks();
 }
 
 MainEventLoop& MainEventLoop::shared() {
   static auto* loop = new MainEventLoop;
   return *loop;
+}
+
+// A timer is shared with a child as it is: the child, setting it, would set its parent's.
+void MainEventLoop::surviveForks() {
+  const auto hold = []() OSTREL_NO_THREAD_SAFETY_ANALYSIS { shared().mutex_.lock(); };
+  const auto release = []() OSTREL_NO_THREAD_SAFETY_ANALYSIS { shared().mutex_.unlock(); };
+  const auto renew = []() OSTREL_NO_THREAD_SAFETY_ANALYSIS {
+    MainEventLoop& loop = shared();
+    if (const FileDescriptor own = makeTimer(); own && ::dup3(own.get(), loop.timer_.get(), O_CLOEXEC) != -1)
+      loop.armTimer();
+    loop.mutex_.unlock();
+  };
+  ::pthread_atfork(hold, release, renew);
 }
 
 void MainEventLoop::claimMainThread() {

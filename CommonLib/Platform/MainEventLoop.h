@@ -21,6 +21,9 @@ namespace ostrel {
 /// A program either gives its main thread to the loop (`run`, `runFor`), or keeps a loop of its own, adds
 /// `descriptor()` to what it polls for reading, and calls `processPending` when that is readable.
 ///
+/// fork: the child has a loop of its own, under the same descriptor, with a copy of the works; what it does there is
+/// nothing to its parent. Threads that wait for their works do not exist in the child.
+///
 /// Threads: each operation says where it may be called.
 class OSTREL_EXPORT MainEventLoop {
  public:
@@ -62,6 +65,7 @@ class OSTREL_EXPORT MainEventLoop {
 
   MainEventLoop();
   ~MainEventLoop() = delete;
+  void surviveForks();
 
   Key add(TimePoint due, Work work);
   void cancel(const Key& key);

@@ -75,8 +75,8 @@ std::string NameResolver::errorText(const Resolution& failed) {
 }
 
 std::atomic<NameResolver*>& NameResolver::slot() {
-  static HostNameResolver host;
-  static std::atomic<NameResolver*> slot{&host};
+  static std::atomic<NameResolver*> slot{
+      new HostNameResolver};  // kept: other threads may use it while the process exits
   return slot;
 }
 

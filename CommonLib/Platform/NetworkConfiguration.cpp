@@ -94,8 +94,8 @@ class HostNetworkConfiguration final : public NetworkConfiguration {
 }  // namespace
 
 std::atomic<NetworkConfiguration*>& NetworkConfiguration::slot() {
-  static HostNetworkConfiguration host;
-  static std::atomic<NetworkConfiguration*> slot{&host};
+  static std::atomic<NetworkConfiguration*> slot{
+      new HostNetworkConfiguration};  // kept: other threads may use it while the process exits
   return slot;
 }
 

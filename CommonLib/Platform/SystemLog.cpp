@@ -40,8 +40,7 @@ class HostSystemLog final : public SystemLog {
 }  // namespace
 
 std::atomic<SystemLog*>& SystemLog::slot() {
-  static HostSystemLog host;
-  static std::atomic<SystemLog*> slot{&host};
+  static std::atomic<SystemLog*> slot{new HostSystemLog};  // kept: other threads may use it while the process exits
   return slot;
 }
 

@@ -142,6 +142,8 @@ class Contexts {
     static auto* const contexts = new Contexts;  // connections of late threads may still use them at exit
     return *contexts;
   }
+  // For the same reason OpenSSL is not to clean up at exit.
+  Contexts() { OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); }
 
   /// Borrowed for the life of the process; null when the library refuses.
   SSL_CTX* get(const TlsClientOptions& options) {
@@ -280,8 +282,7 @@ class OpenSslClient final : public TlsClient {
 }  // namespace
 
 std::atomic<TlsClient*>& TlsClient::slot() {
-  static OpenSslClient host;
-  static std::atomic<TlsClient*> slot{&host};
+  static std::atomic<TlsClient*> slot{new OpenSslClient};  // kept: other threads may use it while the process exits
   return slot;
 }
 

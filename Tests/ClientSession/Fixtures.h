@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -112,6 +114,36 @@ class Daemon {
 
  public:
   std::shared_ptr<OstrelDaemonSession> session;
+};
+
+/// Holds a daemon's replies back until it is told to go on.
+class Gate {
+ public:
+  void open() {
+    const std::lock_guard lock(mutex_);
+    open_ = true;
+    changed_.notify_all();
+  }
+  void pass() {
+    std::unique_lock lock(mutex_);
+    arrived_ = true;
+    changed_.notify_all();
+    changed_.wait(lock, [this] { return open_; });
+  }
+  void waitForArrival() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return arrived_; });
+  }
+  bool hasArrived() {
+    const std::lock_guard lock(mutex_);
+    return arrived_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool arrived_ = false;
+  bool open_ = false;
 };
 
 /// A reply with the given body.

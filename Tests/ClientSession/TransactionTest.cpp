@@ -1,13 +1,14 @@
 // The transaction procedure: attempts, results, and its place among the transactions of the process.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <thread>
 
 #include "ClientSession/Fixtures.h"
+#include "Platform/MainEventLoop.h"
 #include "Support/Fakes.h"
 
 namespace ostrel::testing {
@@ -95,32 +96,6 @@ class WatchedClock final : public Clock {
   const Watcher watcher_;
 };
 
-/// Holds a daemon's first reply back until it is told to go on.
-class Gate {
- public:
-  void open() {
-    const std::lock_guard lock(mutex_);
-    open_ = true;
-    changed_.notify_all();
-  }
-  void pass() {
-    std::unique_lock lock(mutex_);
-    arrived_ = true;
-    changed_.notify_all();
-    changed_.wait(lock, [this] { return open_; });
-  }
-  void waitForArrival() {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return arrived_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool arrived_ = false;
-  bool open_ = false;
-};
-
 TEST(Transaction, WaitsForTheOthersButNotForEver) {
   for (const bool firstEnds : {false, true}) {
     Gate gate;
@@ -190,6 +165,41 @@ TEST(Transaction, ABrokenReplyPausesEveryTransaction) {
     EXPECT_EQ(connectionsDuringPause, 1) << test.reply;
     EXPECT_EQ(daemon.server.connections(), 2) << test.reply;
   }
+}
+
+TEST(Transaction, AsynchronousOnesTakeTurnsToo) {
+  std::atomic<int> running{0};
+  Daemon daemon(Transport::plain, [&](Peer& peer, int) {
+    peer.readRequest();
+    EXPECT_EQ(++running, 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    --running;
+    peer.send(replyOf("plain words"));
+  });
+  std::atomic<int> pauses{0};
+  WatchedClock clock([&](std::chrono::nanoseconds duration, int) {
+    if (duration == std::chrono::seconds(3)) ++pauses;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  });
+  const ScopedOverride<Clock> time(clock);
+  const OneAfterAnother guard;
+  class Silent final : public OstrelDaemonSessTarget {
+    bool respondsTo(std::string_view) const override { return true; }
+    void perform(std::string_view, OstrelDaemonSessNotification&) override {}
+  };
+  std::vector<std::shared_ptr<OstrelDaemonSession>> sessions;
+  for (int i = 0; i < 4; ++i) {
+    sessions.push_back(daemon.newSession());
+    sessions.back()->setNotifyTarget(std::make_shared<Silent>());
+    sessions.back()->sendAsyncRequest({}, {}, dictionaryPayload, "any:");
+  }
+  const auto oneIsLeft = [](const auto& session) { return session.use_count() == 1; };
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!std::ranges::all_of(sessions, oneIsLeft) && std::chrono::steady_clock::now() < end)
+    MainEventLoop::shared().runFor(std::chrono::milliseconds(2));
+  EXPECT_EQ(daemon.server.connections(), 4);
+  EXPECT_EQ(pauses, 4);
+  EXPECT_EQ(sessions[0]->pendingRequestsCount(), 0);
 }
 
 }  // namespace

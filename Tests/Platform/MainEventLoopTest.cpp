@@ -1,6 +1,7 @@
 #include "Platform/MainEventLoop.h"
 
 #include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -133,6 +134,26 @@ TEST(MainEventLoop, AThreadCanClaimToBeTheMainOne) {
   EXPECT_FALSE(loop().isMainThread());
   loop().claimMainThread();
   EXPECT_TRUE(loop().isMainThread());
+}
+
+TEST(MainEventLoop, AForkedChildHasALoopOfItsOwn) {
+  bool called = false;
+  loop().callAfter(20ms, [&] { called = true; });
+  const pid_t child = fork();
+  if (child == 0) {
+    // The copy of the work runs, and what the child waits for is nothing to its parent.
+    if (!isReadable(loop().descriptor(), 10'000)) _exit(1);
+    loop().processPending();
+    loop().callAfter(1h, [] {});
+    _exit(called ? 0 : 2);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_FALSE(called);
+  EXPECT_TRUE(isReadable(loop().descriptor(), 10'000));
+  loop().processPending();
+  EXPECT_TRUE(called);
 }
 
 }  // namespace
