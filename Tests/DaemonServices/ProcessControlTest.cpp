@@ -1,23 +1,29 @@
 // Helper programs, pid files and the process table, with real children.
 #include "DaemonServices/ProcessControl.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
 #include <string>
 #include <thread>
-#include <vector>
 
-#include "Platform/FileDescriptor.h"
+#include "Platform/HostRoot.h"
+#include "Platform/ProcessSignals.h"
+#include "Platform/TaskRunner.h"
 #include "Support/TemporaryFolder.h"
 
 namespace ostrel {
 namespace {
 
-using testing::readFile;
 using testing::TemporaryFolder;
 using testing::writeFile;
 
@@ -67,6 +73,203 @@ TEST(LaunchTask, TellsWhyNothingWasStarted) {
     EXPECT_EQ(launch_task_with_input_and_environment(path, arguments, input, environment), -1) << path.description();
     EXPECT_EQ(errno, error) << path.description() << arguments.count();
   }
+}
+
+TEST(PidFile, GivesTheNumberThatItBeginsWith) {
+  const TemporaryFolder folder;
+  const struct {
+    std::string content;
+    int pid;
+  } cases[] = {
+      {"123\n", 123},
+      {"123", 123},
+      {" \n\t+7 x", 7},
+      {"-5\n", -5},
+      {"0\n", 0},
+      {"", -1},
+      {"rubbish\n", -1},
+      {"0x12\n", 0},
+      {"99999999999\n", -1},
+      {"-2147483649", -1},
+      {"2147483647", 2147483647},
+      {std::string("\0"
+                   "12",
+                   3),
+       -1},
+  };
+  for (const auto& [content, pid] : cases) {
+    writeFile(folder / "pid", content);
+    EXPECT_EQ(ec_pid_from_pid_file((folder / "pid").c_str()), pid) << content;
+  }
+  ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
+  for (const std::string& path : {folder / "absent", folder / "pipe", folder.path(), std::string()})
+    EXPECT_EQ(ec_pid_from_pid_file(path.c_str()), -1) << path;
+  EXPECT_EQ(ec_pid_from_pid_file(nullptr), -1);
+}
+
+TEST(PidFile, LooksRelativeNamesUpOnlyWhenTheyAreTooLong) {
+  const TemporaryFolder folder;
+  const ScopedHostRoot root(folder.path());
+  writeFile(folder / "var/run/maild.pid", "5\n");
+  EXPECT_EQ(ec_pid_from_pid_file("maild.pid"), -1);
+  // 1,014 bytes are refused, 1,015 are cut by one: what is looked up ends in "maild.pi", then in "maild.pi.pid".
+  const auto name = [](std::size_t size) {
+    std::string text = "maild.pid";
+    while (text.size() + 2 <= size) text.insert(0, "./");
+    return text.size() < size ? "/" + text : text;
+  };
+  EXPECT_EQ(ec_pid_from_pid_file(name(1014).substr(1).c_str()), -1);
+  EXPECT_EQ(ec_pid_from_pid_file(name(1015).c_str()), -1);
+  writeFile(folder / "var/run/maild.pi.pid", "6\n");
+  EXPECT_EQ(ec_pid_from_pid_file(name(1015).c_str()), 6);
+  writeFile(folder / "var/run/maild.pi", "7\n");
+  EXPECT_EQ(ec_pid_from_pid_file(name(1015).c_str()), 7);
+}
+
+/// A running copy of sleep(1) with a name of its own.
+class Sleeper {
+ public:
+  explicit Sleeper(const std::string& name) {
+    const std::string program = folder_ / name;
+    std::filesystem::copy_file("/bin/sleep", program);
+    Task task;
+    task.path = program;
+    task.arguments = {"60"};
+    identity_ = TaskRunner::current().start(task).value_or(ProcessIdentity());
+  }
+  ~Sleeper() {
+    if (identity_.pid > 0) ProcessSignals::current().send(identity_, SIGKILL);
+  }
+  Sleeper(const Sleeper&) = delete;
+  Sleeper& operator=(const Sleeper&) = delete;
+  pid_t pid() const { return identity_.pid; }
+
+ private:
+  TemporaryFolder folder_;
+  ProcessIdentity identity_;
+};
+
+TEST(Processes, AreFoundByTheirExactNames) {
+  for (const std::string name : {"ostrel-t1", "o) S 1 (t2 x", "o\nstrel-t3", "ostrel-fifteen4", "ostrel-sixteen-5",
+                                 "ostrel-service-with-a-long-name"}) {
+    const Sleeper sleeper(name);
+    ASSERT_GT(sleeper.pid(), 1);
+    EXPECT_EQ(ec_pid_for_process_named(name.c_str()), sleeper.pid()) << name;
+    EXPECT_EQ(ec_check_pid_for_process_named(sleeper.pid(), name.c_str()), sleeper.pid()) << name;
+    int count = 0;
+    EXPECT_EQ(ec_is_daemon_running(name.c_str(), &count), 0);
+    EXPECT_EQ(count, 1) << name;
+    EXPECT_EQ(ec_pid_for_process_named((name + "x").c_str()), -1) << name;
+    EXPECT_EQ(ec_pid_for_process_named(name.substr(1).c_str()), -1) << name;
+    EXPECT_TRUE(get_service_state_from_pid(sleeper.pid()));
+
+    EXPECT_EQ(ec_signal_process_by_name(name.c_str(), SIGTERM), 0);
+    while (ec_check_process_by_pid(sleeper.pid())) std::this_thread::yield();
+    EXPECT_EQ(ec_pid_for_process_named(name.c_str()), -1) << name;
+  }
+  EXPECT_EQ(ec_pid_for_process_named(nullptr), -1);
+  EXPECT_EQ(ec_pid_for_process_named(""), -1);
+}
+
+TEST(Processes, AreTakenFromThePidFileBeforeTheName) {
+  const TemporaryFolder folder;
+  const std::string file = folder / "pid";
+  const Sleeper sleeper("ostrel-t6");
+  const struct {
+    std::string content;
+    pid_t expected;
+  } cases[] = {
+      {std::to_string(sleeper.pid()) + "\n", sleeper.pid()},
+      {std::to_string(getpid()) + "\n", -1},  // another process has got the id
+      {"999999999\n", -1},
+      {"0\n", sleeper.pid()},
+      {"-1\n", sleeper.pid()},
+      {"rubbish", sleeper.pid()},
+  };
+  for (const auto& [content, expected] : cases) {
+    writeFile(file, content);
+    EXPECT_EQ(ec_pid_from_pid_file_or_process_named(file.c_str(), "ostrel-t6"), expected) << content;
+  }
+  writeFile(file, std::to_string(sleeper.pid()));
+  EXPECT_TRUE(get_service_state_from_pid_file(file));
+  EXPECT_EQ(ec_pid_from_pid_file_or_process_named("/nowhere", "ostrel-t6"), sleeper.pid());
+  EXPECT_EQ(ec_pid_from_pid_file_or_process_named(nullptr, nullptr), -1);
+  EXPECT_FALSE(get_service_state_from_pid_file(folder / "absent"));
+}
+
+TEST(Processes, ZombiesAreInTheTableAndDoNotRun) {
+  const pid_t zombie = fork();
+  if (zombie == 0) _exit(0);
+  siginfo_t end{};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(zombie), &end, WEXITED | WNOWAIT), 0);
+  EXPECT_TRUE(ec_check_process_by_pid(zombie));
+  EXPECT_FALSE(get_service_state_from_pid(zombie));
+  ProcessEntry* table = nullptr;
+  std::size_t count = 0;
+  ASSERT_EQ(ec_get_process_table(&table, &count), 0);
+  EXPECT_EQ(std::count_if(table, table + count, [&](const auto& entry) { return entry.pid == zombie; }), 1);
+  std::free(table);
+
+  struct Seen {
+    pid_t zombie;
+    int self, dead, all;
+  } seen{zombie, 0, 0, 0};
+  const auto look = [](const ProcessEntry* entry, void* context) {
+    auto& found = *static_cast<Seen*>(context);
+    ++found.all;
+    found.self += entry->pid == getpid() ? 1 : 0;
+    found.dead += entry->pid == found.zombie ? 1 : 0;
+    return 0;
+  };
+  EXPECT_EQ(ec_walk_process_table(look, &seen), 0);
+  EXPECT_EQ(seen.self, 1);
+  EXPECT_EQ(seen.dead, 0);
+  int calls = 0;
+  const auto once = [](const ProcessEntry*, void* context) { return ++*static_cast<int*>(context); };
+  EXPECT_EQ(ec_walk_process_table(once, &calls), 0);
+  EXPECT_EQ(calls, 1);
+  waitpid(zombie, nullptr, 0);
+  EXPECT_FALSE(ec_check_process_by_pid(zombie));
+}
+
+TEST(Processes, AreNoThreads) {
+  std::promise<pid_t> id;
+  std::promise<void> done;
+  std::thread thread([&] {
+    id.set_value(static_cast<pid_t>(::syscall(SYS_gettid)));
+    done.get_future().wait();
+  });
+  const pid_t threadId = id.get_future().get();
+  EXPECT_FALSE(ec_check_process_by_pid(threadId));
+  EXPECT_TRUE(ec_check_process_by_pid(getpid()));
+  EXPECT_FALSE(ProcessSignals::current().send({threadId, 0}, 0));
+  EXPECT_EQ(errno, ESRCH);
+  done.set_value();
+  thread.join();
+  for (const pid_t pid : {0, -1}) {
+    EXPECT_FALSE(ec_check_process_by_pid(pid));
+    EXPECT_FALSE(ProcessSignals::current().send({pid, 0}, 0));
+    EXPECT_EQ(errno, EINVAL);
+  }
+}
+
+TEST(Processes, TableNeedsItsArguments) {
+  ProcessEntry* table = nullptr;
+  std::size_t count = 0;
+  errno = 0;
+  EXPECT_EQ(ec_get_process_table(nullptr, &count), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(ec_get_process_table(&table, nullptr), -1);
+  errno = 0;
+  EXPECT_EQ(ec_walk_process_table(nullptr, nullptr), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(ec_is_daemon_running("x", nullptr), EINVAL);
+  // Static: the table around the entry stays, which the address sanitizer would tell as a leak.
+  static const ProcessEntry* const self = ec_process_info_by_pid(getpid());
+  ASSERT_NE(self, nullptr);
+  EXPECT_EQ(self->parent, getppid());
+  EXPECT_TRUE(self->isRunning());
+  EXPECT_EQ(ec_process_info_by_pid(-1), nullptr);
 }
 
 }  // namespace
