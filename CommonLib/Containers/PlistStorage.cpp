@@ -47,12 +47,20 @@ std::uint64_t word(const char* bytes, std::size_t count) noexcept {
   return value;
 }
 
-std::uint64_t hashOf(std::string_view text) noexcept {
+/// Of text that is too long for a handle.
+std::uint64_t hashOfText(std::string_view text) noexcept {
   std::uint64_t hash = hashSeed() ^ text.size();
   const char* next = text.data();
   std::size_t left = text.size();
   for (; left > 8; next += 8, left -= 8) hash = mix(hash ^ word(next, 8), 0xA0761D6478BD642F);
   return mix(hash ^ word(next, left), 0xE7037ED1A0B428DB);
+}
+
+/// Of a handle that holds its own text: equal text is the same sixteen bytes.
+std::uint64_t hashOfHandle(const PlistValue& key) noexcept {
+  const char* bytes = reinterpret_cast<const char*>(&key);
+  const std::uint64_t first = mix(hashSeed() ^ word(bytes, 8), 0xA0761D6478BD642F);
+  return mix(first ^ word(bytes + 8, 8), 0xE7037ED1A0B428DB);
 }
 
 }  // namespace
@@ -245,7 +253,7 @@ bool PlistStorage::rebuildIndex(DictionaryNode* node) {
   if (node->index == nullptr) throw std::bad_alloc();
   node->indexMask = static_cast<std::uint32_t>(slots - 1);
   for (std::uint32_t i = 0; i < node->count; ++i) {
-    std::uint32_t slot = static_cast<std::uint32_t>(hashOf(node->members[i].keyText())) & node->indexMask;
+    std::uint32_t slot = static_cast<std::uint32_t>(hashOf(node->members[i].key)) & node->indexMask;
     while (node->index[slot] != 0) {
       if (node->members[node->index[slot] - 1].key == node->members[i].key) return false;
       slot = (slot + 1) & node->indexMask;
@@ -255,18 +263,78 @@ bool PlistStorage::rebuildIndex(DictionaryNode* node) {
   return true;
 }
 
-std::size_t PlistStorage::position(const DictionaryNode* node, std::string_view key) noexcept {
-  if (node->index != nullptr) {
-    std::uint32_t slot = static_cast<std::uint32_t>(hashOf(key)) & node->indexMask;
-    for (; node->index[slot] != 0; slot = (slot + 1) & node->indexMask) {
-      if (node->members[node->index[slot] - 1].keyText() == key) return node->index[slot] - 1;
-    }
-    return notFound;
-  }
-  for (std::uint32_t i = 0; i < node->count; ++i) {
-    if (node->members[i].keyText() == key) return i;
+std::uint64_t PlistStorage::hashOf(const PlistValue& key) noexcept {
+  return key.cell_.tag == PlistValue::Tag::inlineString ? hashOfHandle(key) : hashOfText(key.stringView());
+}
+
+template <class Matches>
+std::size_t PlistStorage::positionWhere(const DictionaryNode* node, std::uint64_t hash, Matches matches) noexcept {
+  std::uint32_t slot = static_cast<std::uint32_t>(hash) & node->indexMask;
+  for (; node->index[slot] != 0; slot = (slot + 1) & node->indexMask) {
+    if (matches(node->members[node->index[slot] - 1].key)) return node->index[slot] - 1;
   }
   return notFound;
+}
+
+namespace {
+
+template <class Matches>
+std::size_t scan(const DictionaryNode* node, Matches matches) noexcept {
+  for (std::uint32_t i = 0; i < node->count; ++i) {
+    if (matches(node->members[i].key)) return i;
+  }
+  return std::numeric_limits<std::size_t>::max();
+}
+
+/// Text that fits a handle is the same as another exactly when the handles are.
+struct SameHandle {
+  const PlistValue& key;
+  bool operator()(const PlistValue& other) const noexcept { return other.isIdentical(key); }
+};
+
+struct SameLongText {
+  std::string_view key;
+  bool operator()(const PlistValue& other) const noexcept { return other.stringValue() == key; }
+};
+
+}  // namespace
+
+std::size_t PlistStorage::position(const DictionaryNode* node, std::string_view key) noexcept {
+  if (key.size() <= inlineCapacity) {
+    const PlistValue handle = shortString(key);
+    if (node->index == nullptr) return scan(node, SameHandle{handle});
+    return positionWhere(node, hashOfHandle(handle), SameHandle{handle});
+  }
+  if (node->index == nullptr) return scan(node, SameLongText{key});
+  return positionWhere(node, hashOfText(key), SameLongText{key});
+}
+
+std::size_t PlistStorage::position(const DictionaryNode* node, const PlistValue& key, std::uint64_t hash) noexcept {
+  if (key.cell_.tag == PlistValue::Tag::inlineString) {
+    return node->index == nullptr ? scan(node, SameHandle{key}) : positionWhere(node, hash, SameHandle{key});
+  }
+  const SameLongText matches{key.dataView()};
+  return node->index == nullptr ? scan(node, matches) : positionWhere(node, hash, matches);
+}
+
+const PlistValue* PlistStorage::find(const PlistValue& dictionaryValue, const PlistValue& key,
+                                     std::uint64_t hash) noexcept {
+  const DictionaryNode* node = dictionary(dictionaryValue);
+  if (node == nullptr) return nullptr;
+  const std::size_t found = position(node, key, hash);
+  return found == notFound ? nullptr : &node->members[found].value;
+}
+
+bool PlistStorage::set(const PlistValue& dictionaryValue, const PlistValue& key, std::uint64_t hash, PlistValue value) {
+  DictionaryNode* node = dictionary(dictionaryValue);
+  if (node == nullptr || !node->isMutable || value.isNull() || value.isIdentical(dictionaryValue)) return false;
+  const std::size_t found = position(node, key, hash);
+  if (found == notFound) {
+    appendEntry(node, key, std::move(value));
+  } else {
+    node->members[found].value = std::move(value);
+  }
+  return true;
 }
 
 void PlistStorage::appendEntry(DictionaryNode* node, PlistValue key, PlistValue value) {
@@ -277,7 +345,7 @@ void PlistStorage::appendEntry(DictionaryNode* node, PlistValue key, PlistValue 
     rebuildIndex(node);
     return;
   }
-  std::uint32_t slot = static_cast<std::uint32_t>(hashOf(node->members[node->count - 1].keyText())) & node->indexMask;
+  std::uint32_t slot = static_cast<std::uint32_t>(hashOf(node->members[node->count - 1].key)) & node->indexMask;
   while (node->index[slot] != 0) slot = (slot + 1) & node->indexMask;
   node->index[slot] = node->count;
 }

@@ -17,6 +17,7 @@
 namespace ostrel {
 
 class PlistValue;
+class PlistKeyEnumerator;
 
 namespace detail {
 struct Node;
@@ -205,16 +206,92 @@ class OSTREL_EXPORT PlistValue {
   /// Dictionary or array: removes everything. False when immutable or a leaf.
   bool clear();
 
-  // Copies.
+  // NestedContainerAdditions: keyed arrays.
+  //
+  // A keyed array has at least one element, every element is a dictionary, and every one holds a string "_id_", its
+  // key. Keys are compared byte by byte. These operations take a dictionary or an array alike, so that code that walks
+  // a path need not ask which it holds. A null key is a view without data (`std::string_view()`, or the
+  // `stringValue` of what is no string) and differs from the empty key.
+
+  /// `isArrayOfDictionaries`: true for a keyed array.
+  bool isArrayOfDictionaries() const noexcept;
+  /// `objectForKey:`. Dictionary: as `get`. Array: the last element with that key; null when the key is null or any
+  /// element is no dictionary or has no key, even behind a match.
+  PlistValue objectForKey(std::string_view key) const noexcept;
+  /// `allKeys`: an immutable array of a dictionary's keys, or of the keys of those elements that have one.
+  PlistValue allKeys() const;
+  /// `allValues`: an immutable array of a dictionary's values; an array is its own answer.
+  PlistValue allValues() const;
+  /// `keyEnumerator`: walks over what `allKeys` answers now.
+  PlistKeyEnumerator keyEnumerator() const;
+  /// `dictionaryRepresentation`: an immutable dictionary from key to element of those elements that have a key; the
+  /// later of two with one key. Elements are shared. A dictionary gives an immutable copy of itself.
+  PlistValue dictionaryRepresentation() const;
+  /// `intersectsArray:`: whether two arrays have an equal element.
+  bool intersectsArray(const PlistValue& other) const;
+  /// `setObject:forKey:`. Dictionary: as `set`. Mutable array: takes only mutable dictionaries. Removes the element
+  /// with that key as `removeObjectForKey` does, writes the key into the value's "_id_" and appends the value. False,
+  /// and nothing changed, for any other value, for a null key, and when this container is within the value.
+  bool setObject(const PlistValue& value, std::string_view key);
+  /// `removeObjectForKey:`. Dictionary: as `remove`. Mutable keyed array: removes the first element with that key.
+  bool removeObjectForKey(std::string_view key);
+  /// `updateDictionary:forKey:replace:` on a mutable array: creates, merges or removes the element with that key, as
+  /// the markers "_newid_" and "_obsoleteid_" in `update` ask (docs/property-lists.md). False for a null key or
+  /// update, for an element that is missing and not asked for, and when a member could not be merged.
+  bool updateDictionary(const PlistValue& update, std::string_view key, bool replace);
+
+  // NestedContainerAdditions: key paths, such as "users:ada:name" (docs/property-lists.md; KeyPath.h for paths that
+  // are used often). Values are shared, not copied. Missing containers on the way are never made. What would put a
+  // container inside itself is refused. A path or key may be text of the very containers that are changed.
+
+  /// `nestedObjectForKey:`: the value at the path, or null. An empty path is this value itself; "*" is a plain key.
+  PlistValue nestedObjectForKey(std::string_view path) const;
+  /// `objectForNestedKey:intoContainer:`: copies every value that the path selects into a mutable container, rebuilding
+  /// the path's containers there; "*" selects every key. True when anything was copied. False on a plain array.
+  bool objectForNestedKey(std::string_view path, PlistValue container) const;
+  /// `dictionaryForKeys:`: a new mutable dictionary of what the paths (an array of strings) select in this dictionary.
+  PlistValue dictionaryForKeys(const PlistValue& paths) const;
+  /// `setNestedObject:forKey:replace:` on a mutable dictionary: sets the value at the path, a null value removes it.
+  /// With `replace` false, a dictionary or keyed array is merged into what is there. False when the path is empty, its
+  /// parent is missing or immutable, an index is out of range, or a member could not be merged; what was merged
+  /// before stays. Merging a keyed array answers as its last element does.
+  bool setNestedObject(const PlistValue& value, std::string_view path, bool replace);
+  /// `removeNestedObjectForKey:` on a mutable dictionary. The path of the parent is split twice, its escapes being gone
+  /// the second time: that is meant.
+  void removeNestedObjectForKey(std::string_view path);
+  /// `updateWithDictionary:` on a mutable dictionary: merges each member, its key taken as a path, until one fails.
+  /// True for null.
+  bool updateWithDictionary(const PlistValue& update);
+
+  // Copies (DeepMutableCopyAdditions).
 
   /// One level: a new container of the asked mutability over the same members. A leaf or null gives itself.
   /// `immutableCopy` of an immutable container shares it.
   PlistValue immutableCopy() const;
   PlistValue mutableCopy() const;
-  /// Containers at every level are new and mutable, and leaves are copied too: nothing is shared.
+  /// `deepMutableCopy`, `deepMutableCopyWithZone:` (there is one zone). Containers at every level are new and mutable,
+  /// and leaves are copied too: nothing is shared.
   PlistValue deepMutableCopy() const;
   /// Containers at every level are new and mutable; every leaf is shared.
   PlistValue deepMutableStructureCopy() const;
+
+  // StringComponentAdditions: text of components. A character is an ASCII one; any other occurs nowhere. A backslash
+  // makes the character after it literal. Other kinds than the one named answer null or "".
+
+  /// `componentsSeparatedByCharacter:` on a string: an immutable array of its components, their backslashes removed.
+  /// Null for the empty string. A backslash that ends the string swallows the last component; null when none is left.
+  PlistValue componentsSeparatedByCharacter(char separator) const;
+  /// `componentsJoinedByCharacter:` on an array of strings: the inverse. Empty components at the start leave no
+  /// separator behind: that is meant. An element that is no string gives its description.
+  std::string componentsJoinedByCharacter(char separator) const;
+  /// `escapedStringForCharacter:hasSpaces:`: the string with a backslash before every backslash and every
+  /// `character`. `hasSpaces`, when given, tells whether it holds a space (no other white space counts).
+  std::string escapedStringForCharacter(char character, bool* hasSpaces = nullptr) const;
+  /// `unescapedString`: each backslash removed, the character after it kept as it stands.
+  std::string unescapedString() const;
+  /// `stringWithCompactedAndTrimmedWhiteSpace`: every run of white space and line ends (Unicode's) one space, none at
+  /// either end. Ends at the first NUL.
+  std::string stringWithCompactedAndTrimmedWhiteSpace() const;
 
   // Text.
 
@@ -288,6 +365,19 @@ struct PlistEntry {
   PlistValue value;
   std::string_view keyText() const noexcept { return key.stringValue(); }
 };
+
+/// Walks over the keys of a container as they were when it was asked for.
+class OSTREL_EXPORT PlistKeyEnumerator {
+ public:
+  explicit PlistKeyEnumerator(PlistValue keys) noexcept : keys_(std::move(keys)) {}
+  /// `nextObject`: the next key; null after the last.
+  PlistValue nextObject() noexcept { return keys_.at(next_++); }
+
+ private:
+  PlistValue keys_;
+  std::size_t next_ = 0;
+};
+inline PlistKeyEnumerator PlistValue::keyEnumerator() const { return PlistKeyEnumerator(allKeys()); }
 
 // A node of bytes is 16 bytes, of which the last 8 are the length, and then the bytes.
 inline std::string_view PlistValue::dataView() const noexcept {

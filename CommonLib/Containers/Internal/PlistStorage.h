@@ -111,11 +111,28 @@ class PlistStorage {
   /// A string of any length.
   static PlistValue makeString(std::string_view text, PlistArena* arena = nullptr) {
     if (text.size() > inlineCapacity) return adopt(newBytes(text, arena), PlistValue::Tag::string);
-    PlistValue made;
-    if (!text.empty()) std::memcpy(static_cast<void*>(&made.cell_), text.data(), text.size());
-    made.cell_.length = static_cast<std::uint8_t>(text.size());
-    made.cell_.tag = PlistValue::Tag::inlineString;
-    return made;
+    return shortString(text);
+  }
+  /// One that the handle holds, by two loads that may overlap. Requires: text.size() <= inlineCapacity.
+  static PlistValue shortString(std::string_view text) noexcept {
+    const char* bytes = text.data();
+    const std::size_t length = text.size();
+    std::uint64_t low = 0;
+    std::uint64_t high = 0;
+    if (length > 8) {
+      std::memcpy(&low, bytes, 8);
+      std::memcpy(&high, bytes + length - 8, 8);
+      high >>= 8 * (16 - length);
+    } else if (length >= 4) {
+      std::uint32_t first = 0;
+      std::uint32_t last = 0;
+      std::memcpy(&first, bytes, 4);
+      std::memcpy(&last, bytes + length - 4, 4);
+      low = first | std::uint64_t{last} << (8 * (length - 4));
+    } else {
+      for (std::size_t i = 0; i < length; ++i) low |= std::uint64_t{static_cast<unsigned char>(bytes[i])} << (8 * i);
+    }
+    return shortString(low, high, length);
   }
   /// The same for a short string that stands in sixteen readable bytes. Requires: length <= inlineCapacity.
   static PlistValue makeShortString(const char* sixteenBytes, std::size_t length) {
@@ -125,12 +142,7 @@ class PlistStorage {
     std::memcpy(&high, sixteenBytes + 8, 8);
     low &= length >= 8 ? ~std::uint64_t{} : (std::uint64_t{1} << (8 * length)) - 1;
     high &= length <= 8 ? 0 : (std::uint64_t{1} << (8 * (length - 8))) - 1;
-    PlistValue made;
-    std::memcpy(static_cast<void*>(&made.cell_), &low, 8);
-    std::memcpy(reinterpret_cast<char*>(&made.cell_) + 8, &high, 8);
-    made.cell_.length = static_cast<std::uint8_t>(length);
-    made.cell_.tag = PlistValue::Tag::inlineString;
-    return made;
+    return shortString(low, high, length);
   }
 
   enum class Keys : std::uint8_t { unchecked, knownDistinct };
@@ -168,6 +180,15 @@ class PlistStorage {
 
   static constexpr std::size_t inlineCapacity = PlistValue::inlineCapacity;
 
+  /// What finds a key in any dictionary. Requires: `key` is a string.
+  static std::uint64_t hashOf(const PlistValue& key) noexcept;
+  /// A dictionary's value for a key whose hash is known, nullptr for other kinds.
+  static const PlistValue* find(const PlistValue& dictionaryValue, const PlistValue& key, std::uint64_t hash) noexcept;
+  /// As `PlistValue::set`, through any handle.
+  static bool set(const PlistValue& dictionaryValue, const PlistValue& key, std::uint64_t hash, PlistValue value);
+  /// What tells one container from another. Requires: a container.
+  static const void* identity(const PlistValue& container) noexcept { return container.node(); }
+
  private:
   friend class ostrel::PlistValue;
 
@@ -176,6 +197,14 @@ class PlistStorage {
     value.cell_.bits = reinterpret_cast<std::uintptr_t>(node);
     value.cell_.tag = tag;
     return value;
+  }
+  static PlistValue shortString(std::uint64_t low, std::uint64_t high, std::size_t length) noexcept {
+    PlistValue made;
+    std::memcpy(static_cast<void*>(&made.cell_), &low, 8);
+    std::memcpy(reinterpret_cast<char*>(&made.cell_) + 8, &high, 8);
+    made.cell_.length = static_cast<std::uint8_t>(length);
+    made.cell_.tag = PlistValue::Tag::inlineString;
+    return made;
   }
   static BytesNode* newBytes(std::size_t length);
   static BytesNode* newBytes(std::string_view bytes, PlistArena* arena);
@@ -190,6 +219,9 @@ class PlistStorage {
   static bool rebuildIndex(DictionaryNode* node);
   static constexpr std::size_t notFound = std::numeric_limits<std::size_t>::max();
   static std::size_t position(const DictionaryNode* node, std::string_view key) noexcept;
+  static std::size_t position(const DictionaryNode* node, const PlistValue& key, std::uint64_t hash) noexcept;
+  template <class Matches>
+  static std::size_t positionWhere(const DictionaryNode* node, std::uint64_t hash, Matches matches) noexcept;
   static void appendEntry(DictionaryNode* node, PlistValue key, PlistValue value);
 
   /// Frees what nobody holds any more, and what only that held.
