@@ -12,6 +12,7 @@
 #include "Platform/MainEventLoop.h"
 #include "Platform/NotificationCenter.h"
 #include "Support/Fakes.h"
+#include "Support/Loopback.h"
 
 namespace ostrel::testing {
 namespace {
@@ -415,24 +416,26 @@ TEST(AsyncRequests, ATargetMayGoBeforeItsSession) {
   EXPECT_TRUE(client.runToTheEnd());
 }
 
-/// Leaves the process while workers wait for a main loop that nobody runs any more, read from a daemon that does not
-/// answer, and sleep.
+/// Leaves the process while workers wait for a main loop that nobody runs any more, and while they read, in clear text
+/// and in a TLS handshake, from a daemon that does not answer.
 [[noreturn]] void exitInTheMiddle() {
-  for (const Transport transport : {Transport::plain, Transport::tls}) {
-    for (const bool answers : {true, false}) {
-      auto* gate = new Gate;
-      auto* daemon = new Daemon(transport, [=](Peer& peer, int) {
-        peer.readRequest();
-        if (!answers) gate->pass();
-        peer.send(stateReply);
-      });
-      Client client(*daemon, "root@1");
-      client.session->setUseTimeoutForTransactions(true);
-      client.session->sendAsyncRequest(request());
-      client.session->sendAsyncRequest(request());
-      runUntil([&] { return daemon->server.connections() == 2; });
+  const LoopbackListener silent;
+  FakeResolver resolver({silent.address()});
+  const ScopedOverride<NameResolver> redirect(resolver);
+  std::vector<std::shared_ptr<OstrelDaemonSession>> sessions;
+  const auto recorder = std::make_shared<Recorder>();
+  for (const std::string& URL : {"http://127.0.0.1:" + std::to_string(silent.port()) + "/silent",
+                                 std::string("http://silent:311/tls"), std::string("no address")}) {
+    for (int i = 0; i < 3; ++i) {
+      sessions.push_back(OstrelDaemonSession::initWithService("any", recorder));
+      sessions.back()->setUseTimeoutForTransactions(true);
+      sessions.back()->sendAsyncRequest({}, URL, dictionaryPayload, "heard:");
     }
   }
+  recorder->hook = [&](auto&) {
+    if (recorder->events.size() == 9) MainEventLoop::shared().stop();
+  };
+  if (!MainEventLoop::shared().runFor(30s)) std::exit(1);
   std::this_thread::sleep_for(100ms);
   std::exit(0);
 }
