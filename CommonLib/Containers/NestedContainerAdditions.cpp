@@ -171,18 +171,6 @@ bool PlistValue::intersectsArray(const PlistValue& other) const {
   return !known.empty() && std::ranges::any_of(other.elements(), isKnown);
 }
 
-bool PlistValue::setObject(const PlistValue& value, std::string_view key) {
-  if (isDictionary()) return !detail::ContainerSet(value).holds(*this) && set(key, value);
-  if (!isArray() || !isMutable() || !value.isDictionary() || !value.isMutable() || key.data() == nullptr) return false;
-  if (detail::ContainerSet(value).holds(*this)) return false;
-  // Both may live in the element that is removed.
-  PlistValue taken = value;
-  const PlistValue id = key;
-  removeObjectForKey(id.stringView());
-  taken.set("_id_", id);
-  return append(std::move(taken));
-}
-
 bool PlistValue::removeObjectForKey(std::string_view key) {
   if (isDictionary()) return remove(key);
   if (!isMutable() || key.data() == nullptr || !isArrayOfDictionaries()) return false;

@@ -23,6 +23,9 @@ const PlistValue* elementKey(const PlistValue& element) noexcept;
 const PlistValue* findObject(const PlistValue& container, std::string_view key) noexcept;
 const PlistValue* findObject(const PlistValue& container, const PlistValue& key, std::uint64_t hash) noexcept;
 
+/// `setObject:forKey:` of an array. Requires: the array is not within the value.
+bool putObject(const PlistValue& array, const PlistValue& value, std::string_view key);
+
 /// `nestedObjectForKey:` in the same way. Gives `root` itself for an empty path.
 const PlistValue* findNestedObject(const PlistValue& root, std::string_view path);
 

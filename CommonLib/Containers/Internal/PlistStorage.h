@@ -186,6 +186,10 @@ class PlistStorage {
   static const PlistValue* find(const PlistValue& dictionaryValue, const PlistValue& key, std::uint64_t hash) noexcept;
   /// As `PlistValue::set`, through any handle.
   static bool set(const PlistValue& dictionaryValue, const PlistValue& key, std::uint64_t hash, PlistValue value);
+  /// Whether this handle is the only one on its node. Requires: a container.
+  static bool isSoleHandle(const PlistValue& container) noexcept {
+    return std::atomic_ref(container.node()->references).load(std::memory_order_relaxed) == 1;
+  }
   /// What tells one container from another. Requires: a container.
   static const void* identity(const PlistValue& container) noexcept { return container.node(); }
 

@@ -1,0 +1,196 @@
+// Setting, merging and removing values in nested containers.
+#include "Containers/Internal/NestedWrite.h"
+
+#include <string>
+#include <utility>
+
+#include "Containers/LeadingInteger.h"
+
+namespace ostrel {
+
+namespace detail {
+namespace {
+
+/// Handles are const where only what they share is changed.
+PlistValue& writable(const PlistValue& container) noexcept {
+  return const_cast<PlistValue&>(container);  // NOLINT(cppcoreguidelines-pro-type-const-cast): see above
+}
+
+bool storeInArray(const PlistValue& array, std::string_view last, const PlistValue& value) {
+  if (array.isArrayOfDictionaries()) {
+    putObject(array, value, last);
+    return true;  // also for a value that is no mutable dictionary, and was ignored
+  }
+  const auto index = static_cast<std::uint64_t>(leadingInteger(last).value_or(0));
+  if (index >= array.count()) return false;
+  return value.isNull() ? writable(array).removeAt(index) : writable(array).replace(index, value);
+}
+
+bool marks(const PlistValue& update, std::string_view marker) noexcept {
+  const PlistValue* mark = update.find(marker);
+  return mark != nullptr && mark->boolValue();
+}
+
+}  // namespace
+
+bool putObject(const PlistValue& array, const PlistValue& value, std::string_view key) {
+  if (!array.isArray() || !array.isMutable() || !isMutableDictionary(value) || key.data() == nullptr) return false;
+  // Value and key may live in the element that is removed.
+  PlistValue taken = value;
+  const PlistValue id = key;
+  writable(array).removeObjectForKey(id.stringValue());
+  const PlistValue* known = elementKey(taken);
+  if (known == nullptr || *known != id) taken.set("_id_", id);
+  return writable(array).append(std::move(taken));
+}
+
+bool store(const PlistValue& parent, const LastComponent& last, const PlistValue& value, const ContainerSet* sources) {
+  if (!parent.isMutable() || (sources != nullptr && sources->holds(parent))) return false;
+  if (parent.isArray()) return storeInArray(parent, last.text, value);
+  if (value.isNull()) {
+    writable(parent).remove(last.text);
+    return true;
+  }
+  if (last.key != nullptr) return PlistStorage::set(parent, *last.key, last.hash, value);
+  return writable(parent).set(last.text, value);
+}
+
+bool storeNested(const PlistValue& root, std::string_view path, const PlistValue& value, const ContainerSet* sources) {
+  ComponentScanner scanner(path, pathSeparator);
+  std::string_view last;
+  if (!isMutableDictionary(root) || !scanner.next(last)) return false;
+  const PlistValue* parent = &root;
+  bool isAtStart = true;  // empty components there vanish when the parent's path is joined
+  for (std::string_view component; parent != nullptr && scanner.next(component); last = component) {
+    isAtStart = isAtStart && last.empty();
+    if (!isAtStart) parent = findObject(*parent, last);
+  }
+  return parent != nullptr && store(*parent, {last}, value, sources);
+}
+
+bool Merge::setNested(const PlistValue& root, std::string_view path, bool replace) {
+  setOne(root, source_, path, replace);
+  return run();
+}
+
+bool Merge::into(const PlistValue& existing) {
+  mergeOne(existing, source_);
+  return run();
+}
+
+bool Merge::update(const PlistValue& array, std::string_view key, bool replace) {
+  updateOne(array, source_, key, replace);
+  return run();
+}
+
+bool Merge::updateAll(const PlistValue& dictionary) {
+  pushEntries(dictionary, source_, false);
+  return run();
+}
+
+bool Merge::run() {
+  while (!frames_.empty()) step();
+  return result_;
+}
+
+void Merge::step() {
+  Frame& frame = frames_.back();
+  if (frame.isArray) {
+    // All elements take part; the answer is the last one's.
+    if (frame.next == frame.elements.size()) return frames_.pop_back();
+    const PlistValue& update = frame.elements[frame.next++];
+    return updateOne(frame.target, update, elementKey(update)->stringValue(), false);
+  }
+  if (!result_ || frame.next == frame.entries.size()) return frames_.pop_back();
+  const PlistEntry& entry = frame.entries[frame.next++];
+  setOne(frame.target, entry.value, entry.keyText(), frame.replace);
+}
+
+void Merge::setOne(const PlistValue& root, const PlistValue& value, std::string_view path, bool replace) {
+  if (!isMutableDictionary(root)) {
+    result_ = false;
+    return;
+  }
+  if (!replace && isMergeable(value)) {
+    if (const PlistValue* existing = findNestedObject(root, path); existing != nullptr) {
+      return mergeOne(*existing, value);
+    }
+  }
+  result_ = storeNested(root, path, value, &sources_);
+}
+
+void Merge::mergeOne(const PlistValue& existing, const PlistValue& value) {
+  result_ = existing.isMutable() && existing.kind() == value.kind();
+  if (!result_) return;
+  if (value.isDictionary()) return pushEntries(existing, value, false);
+  result_ = existing.count() == 0 || existing.isArrayOfDictionaries();
+  if (result_) frames_.push_back({existing, {}, value.elements(), true, false});
+}
+
+void Merge::pushEntries(const PlistValue& target, const PlistValue& value, bool replace) {
+  result_ = true;
+  if (!target.isIdentical(value)) frames_.push_back({target, value.entries(), {}, false, replace});
+}
+
+void Merge::updateOne(const PlistValue& array, const PlistValue& update, std::string_view key, bool replace) {
+  result_ = false;
+  if (!array.isArray() || !array.isMutable() || !update.isDictionary() || key.data() == nullptr) return;
+  const PlistValue* existing = findObject(array, key);
+  if (existing == nullptr) {
+    result_ = marks(update, "_newid_") && create(array, update, key);
+  } else if (marks(update, "_obsoleteid_")) {
+    result_ = remove(array, key);
+  } else {
+    pushEntries(*existing, update, replace);
+  }
+}
+
+bool Merge::create(const PlistValue& array, const PlistValue& update, std::string_view key) const {
+  if (sources_.holds(array)) return false;
+  PlistValue made = update.mutableCopy();
+  made.remove("_newid_");
+  return putObject(array, made, key);
+}
+
+bool Merge::remove(const PlistValue& array, std::string_view key) const {
+  return !sources_.holds(array) && writable(array).removeObjectForKey(key);
+}
+
+}  // namespace detail
+
+bool PlistValue::setObject(const PlistValue& value, std::string_view key) {
+  if (detail::ContainerSet(value).holds(*this)) return false;
+  return isDictionary() ? set(key, value) : detail::putObject(*this, value, key);
+}
+
+bool PlistValue::updateDictionary(const PlistValue& update, std::string_view key, bool replace) {
+  return update.isDictionary() && detail::Merge(update).update(*this, key, replace);
+}
+
+bool PlistValue::setNestedObject(const PlistValue& value, std::string_view path, bool replace) {
+  if (!detail::isContainer(value)) return detail::storeNested(*this, path, value, nullptr);
+  return detail::Merge(value).setNested(*this, path, replace);
+}
+
+bool PlistValue::updateWithDictionary(const PlistValue& update) {
+  if (!update.isDictionary()) return update.isNull();
+  return detail::Merge(update).updateAll(*this);
+}
+
+void PlistValue::removeNestedObjectForKey(std::string_view path) {
+  if (!detail::isMutableDictionary(*this) || count() == 0) return;
+  detail::ComponentScanner scanner(path, detail::pathSeparator);
+  std::string_view component;
+  if (!scanner.next(component)) return;
+  std::string last(component);
+  std::string parentPath;
+  bool hasParent = false;
+  for (; scanner.next(component); last = component) {
+    if (std::exchange(hasParent, true)) parentPath += detail::pathSeparator;
+    parentPath += last;  // not escaped again
+  }
+  const PlistValue* parent = hasParent ? detail::findNestedObject(*this, parentPath) : this;
+  if (parent != nullptr) detail::writable(*parent).removeObjectForKey(last);
+}
+
+}  // namespace ostrel

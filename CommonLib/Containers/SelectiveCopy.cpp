@@ -1,0 +1,145 @@
+// Copying what key paths select into another tree.
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Containers/Internal/NestedAccess.h"
+#include "Containers/Internal/NestedWrite.h"
+#include "Containers/PlistValue.h"
+
+namespace ostrel {
+namespace {
+
+using detail::isContainer;
+
+/// One application of a path. Members are copied down before anything is written, because the target may be part of
+/// the source; depth costs no stack.
+class SelectiveCopy {
+ public:
+  explicit SelectiveCopy(std::string_view path) {
+    detail::ComponentScanner scanner(path, detail::pathSeparator);
+    for (std::string_view component; scanner.next(component); endsEmpty_ = component.empty()) {
+      // The rest of a path is joined and split again at each step, which drops empty components at its start.
+      if (components_.empty() || !component.empty()) components_.emplace_back(component);
+      ++split_;
+    }
+    endsEmpty_ = endsEmpty_ && split_ > 1;
+  }
+
+  /// `isPrivate`: nothing but the caller leads to the target.
+  bool run(const PlistValue& source, const PlistValue& target, bool isPrivate) {
+    walk(source, Target{target, isPrivate}, 0);
+    while (!levels_.empty()) {
+      Level& level = levels_.back();
+      if (level.next == level.members.size()) {
+        levels_.pop_back();
+        continue;
+      }
+      const auto [key, value] = level.members[level.next++];
+      const Target into = level.target;
+      const std::size_t component = level.component;
+      if (const auto below = take(level.source, key.stringValue(), value, into, component)) {
+        walk(value, *below, component + 1);
+      }
+    }
+    return found_;
+  }
+
+ private:
+  struct Target {
+    PlistValue container;
+    bool isPrivate;
+  };
+  /// The members that a wildcard stands for.
+  struct Level {
+    PlistValue source;
+    std::vector<std::pair<PlistValue, PlistValue>> members;
+    Target target;
+    std::size_t component;
+    std::size_t next = 0;
+  };
+
+  void walk(PlistValue source, Target target, std::size_t component) {
+    while (component < components_.size() && (source.isDictionary() || source.isArrayOfDictionaries())) {
+      const std::string& key = components_[component];
+      if (key == "*") {
+        levels_.push_back({source, membersOf(source), std::move(target), component});
+        return;
+      }
+      PlistValue value = source.objectForKey(key);
+      if (value.isNull()) return;
+      auto below = take(source, key, value, target, component);
+      if (!below) return;
+      source = std::move(value);
+      target = std::move(*below);
+      ++component;
+    }
+  }
+
+  static std::vector<std::pair<PlistValue, PlistValue>> membersOf(const PlistValue& source) {
+    std::vector<std::pair<PlistValue, PlistValue>> members;
+    members.reserve(source.count());
+    for (const PlistEntry& entry : source.entries()) members.emplace_back(entry.key, entry.value);
+    for (const PlistValue& element : source.elements()) members.emplace_back(*detail::elementKey(element), element);
+    return members;
+  }
+
+  /// Copies the value where the path ends here; otherwise gives the container in which the path goes on.
+  std::optional<Target> take(const PlistValue& source, std::string_view key, const PlistValue& value,
+                             const Target& into, std::size_t component) {
+    if (component + 1 == components_.size() && !endsEmpty_) {
+      found_ = put(source, key, value, into) || found_;
+      return std::nullopt;
+    }
+    if (!isContainer(value)) return std::nullopt;
+    return descend(key, value, into);
+  }
+
+  static bool put(const PlistValue& source, std::string_view key, const PlistValue& value, const Target& into) {
+    if (!into.container.isMutable()) return false;
+    if (into.container.isIdentical(source)) return true;  // it has the value already; an array's order stays
+    if (!into.isPrivate && isContainer(value) && detail::ContainerSet(value).holds(into.container)) return false;
+    PlistValue container = into.container;
+    if (container.isDictionary()) return container.set(key, value);
+    detail::putObject(container, value, key);
+    return true;  // also for an immutable element, which is not copied
+  }
+
+  static std::optional<Target> descend(std::string_view key, const PlistValue& value, const Target& into) {
+    const PlistValue* existing = detail::findObject(into.container, key);
+    if (existing == nullptr) {
+      const PlistValue made = value.isArray() ? PlistValue::mutableArray() : PlistValue::mutableDictionary();
+      PlistValue container = into.container;
+      if (!container.setObject(made, key)) return std::nullopt;
+      return Target{made, into.isPrivate};
+    }
+    // What only a private container holds is private too.
+    return Target{*existing, into.isPrivate && detail::PlistStorage::isSoleHandle(*existing)};
+  }
+
+  std::vector<std::string> components_;
+  std::size_t split_ = 0;
+  bool endsEmpty_ = false;
+  std::vector<Level> levels_;
+  bool found_ = false;
+};
+
+}  // namespace
+
+PlistValue PlistValue::nestedObjectForKey(std::string_view path) const {
+  const PlistValue* found = detail::findNestedObject(*this, path);
+  return found == nullptr ? PlistValue() : *found;
+}
+
+bool PlistValue::objectForNestedKey(std::string_view path, PlistValue container) const {
+  return SelectiveCopy(path).run(*this, container, false);
+}
+
+PlistValue PlistValue::dictionaryForKeys(const PlistValue& paths) const {
+  PlistValue made = mutableDictionary();
+  for (const PlistValue& path : paths.elements()) SelectiveCopy(path.stringView()).run(*this, made, true);
+  return made;
+}
+
+}  // namespace ostrel
