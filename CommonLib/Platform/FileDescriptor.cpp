@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -153,6 +154,20 @@ bool syncFileData(int descriptor) {
 bool seekTo(int descriptor, std::uint64_t offset) {
   off_t position = 0;
   return toOffset(offset, position) && ::lseek(descriptor, position, SEEK_SET) == position;
+}
+
+bool reserveSpace(int descriptor, std::uint64_t offset, std::uint64_t size) {
+  off_t start = 0;
+  off_t length = 0;
+  if (!toOffset(offset, start) || !toOffset(size, length)) return false;
+  if (detail::retried([&] { return ::fallocate(descriptor, FALLOC_FL_KEEP_SIZE, start, length); }) == 0) return true;
+  // Only what a write would fail with, too.
+  return errno != ENOSPC && errno != EDQUOT && errno != EFBIG && errno != EIO;
+}
+
+FileDescriptor makeMemoryFile(const std::string& label) {
+  if (!detail::isUsablePath(label)) return {};
+  return FileDescriptor(::memfd_create(label.c_str(), MFD_CLOEXEC));
 }
 
 bool tryLockFile(int descriptor) {

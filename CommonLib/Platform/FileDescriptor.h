@@ -85,6 +85,13 @@ OSTREL_EXPORT bool syncFile(int descriptor);
 OSTREL_EXPORT bool syncFileData(int descriptor);
 OSTREL_EXPORT bool seekTo(int descriptor, std::uint64_t offset);
 
+/// Reserves disk space for `size` bytes from `offset` on without changing the file's size (fallocate(2)), so that a
+/// write there does not find the disk full. True also where the file system cannot reserve, or this is no regular file.
+OSTREL_EXPORT bool reserveSpace(int descriptor, std::uint64_t offset, std::uint64_t size);
+
+/// A file in memory that no path leads to (memfd_create(2)); `label` is shown in /proc only.
+OSTREL_EXPORT FileDescriptor makeMemoryFile(const std::string& label);
+
 /// Tries to take the advisory exclusive lock of the whole file (flock(2)) without waiting. False with errno EWOULDBLOCK
 /// when another open file description holds it, in this process or another.
 OSTREL_EXPORT bool tryLockFile(int descriptor);

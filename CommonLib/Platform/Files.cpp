@@ -20,21 +20,6 @@ namespace {
 
 constexpr mode_t permissionBits = 07777;
 
-// Where the links at the end of a path lead, though nothing need be there; absent with ELOOP after too many.
-std::optional<std::string> followLinks(std::string path) {
-  constexpr int most = 40;  // as many as the kernel follows
-  for (int i = 0; i < most; ++i) {
-    const auto status = linkStatus(path);
-    if (!status) return errno == ENOENT ? std::optional(path) : std::nullopt;
-    if (!S_ISLNK(status->mode)) return path;
-    const auto target = readLink(path);
-    if (!target) return std::nullopt;
-    path = target->starts_with('/') ? *target : detail::splitPath(path).folder + "/" + *target;
-  }
-  errno = ELOOP;
-  return std::nullopt;
-}
-
 // A new file of a name that nobody can foresee, in an open folder.
 class TemporaryFile {
  public:
@@ -122,12 +107,7 @@ bool findTarget(int folder, const std::string& name, Target& target) {
 
 bool takeOver(int file, const Target& target, const AtomicWriteOptions& options) {
   if (!target.file || !options.keepExisting) return giveOwnerAndMode(file, options.user, options.group, options.mode);
-  const auto made = descriptorStatus(file);
-  if (!made) return false;
-  // An unprivileged writer may replace its own file: ownership that is right already is not asked for.
-  const uid_t user = made->user == target.status.user ? static_cast<uid_t>(-1) : target.status.user;
-  const gid_t group = made->group == target.status.group ? static_cast<gid_t>(-1) : target.status.group;
-  return giveOwnerAndMode(file, user, group, target.status.mode) && copyAttributes(target.file.get(), file);
+  return copyFileAttributes(target.file.get(), file);
 }
 
 bool makeDirectory(const std::string& path, mode_t mode) {
@@ -213,6 +193,31 @@ std::optional<std::string> readLink(const std::string& path) {
     target.resize(static_cast<std::size_t>(length));
     return target;
   }
+}
+
+std::optional<std::string> followLinks(const std::string& path) {
+  constexpr int most = 40;  // as many as the kernel follows
+  std::string at = path;
+  for (int i = 0; i < most; ++i) {
+    const auto status = linkStatus(at);
+    if (!status) return errno == ENOENT ? std::optional(at) : std::nullopt;
+    if (!S_ISLNK(status->mode)) return at;
+    const auto target = readLink(at);
+    if (!target) return std::nullopt;
+    at = target->starts_with('/') ? *target : detail::splitPath(at).folder + "/" + *target;
+  }
+  errno = ELOOP;
+  return std::nullopt;
+}
+
+bool copyFileAttributes(int from, int to) {
+  const auto wanted = descriptorStatus(from);
+  const auto present = descriptorStatus(to);
+  if (!wanted || !present) return false;
+  // An unprivileged writer may replace its own file: ownership that is right already is not asked for.
+  const uid_t user = present->user == wanted->user ? static_cast<uid_t>(-1) : wanted->user;
+  const gid_t group = present->group == wanted->group ? static_cast<gid_t>(-1) : wanted->group;
+  return giveOwnerAndMode(to, user, group, wanted->mode) && copyAttributes(from, to);
 }
 
 bool removeFile(const std::string& path) { return detail::isUsablePath(path) && ::unlink(path.c_str()) == 0; }

@@ -58,6 +58,14 @@ OSTREL_EXPORT bool isDirectory(const std::string& path);
 /// Where a symbolic link points, as it is spelled. Absent when there is no link.
 OSTREL_EXPORT std::optional<std::string> readLink(const std::string& path);
 
+/// Where the symbolic links at the end of a path lead, though nothing need be there; the path itself when it is no
+/// link. Absent with ELOOP after too many.
+OSTREL_EXPORT std::optional<std::string> followLinks(const std::string& path);
+
+/// Gives an open file the owner, group, permission bits, access list and security label of another (which may be open
+/// for its path alone, O_PATH). False when one of them cannot be given.
+OSTREL_EXPORT bool copyFileAttributes(int from, int to);
+
 /// Removes a file or a symbolic link (not what it leads to). Folders are refused.
 OSTREL_EXPORT bool removeFile(const std::string& path);
 /// Makes the names in a folder survive a crash of the machine: after a file was made, renamed or removed in it.
