@@ -34,16 +34,6 @@ std::int32_t facilityAt(std::size_t index) {
   return index == everyFacilityIndex ? everyFacility : static_cast<std::int32_t>(index * 8);
 }
 
-std::vector<std::string_view> splitAt(std::string_view text, char separator) {
-  std::vector<std::string_view> parts;
-  for (;;) {
-    const std::size_t end = text.find(separator);
-    parts.push_back(text.substr(0, end));
-    if (end == std::string_view::npos) return parts;
-    text.remove_prefix(end + 1);
-  }
-}
-
 bool isAscii(std::string_view text) {
   return std::ranges::all_of(text, [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
@@ -106,7 +96,7 @@ void SyslogUtilities::parseLine(const PlistValue& line) {
   const std::string_view action = detail::takeWord(rest);
   if (action.empty()) return;
   const PlistValue sharedAction(action);
-  for (const std::string_view selector : splitAt(selectors, ';')) parseSelector(selector, sharedAction, line);
+  for (const std::string_view selector : detail::splitAt(selectors, ";")) parseSelector(selector, sharedAction, line);
 }
 
 void SyslogUtilities::parseSelector(std::string_view selector, const PlistValue& action, const PlistValue& line) {
@@ -114,7 +104,7 @@ void SyslogUtilities::parseSelector(std::string_view selector, const PlistValue&
   if (point == std::string_view::npos) return;
   const std::int32_t level = syslogLevelForString(selector.substr(point + 1));
   if (level < 0) return;
-  for (const std::string_view facilityName : splitAt(selector.substr(0, point), ',')) {
+  for (const std::string_view facilityName : detail::splitAt(selector.substr(0, point), ",")) {
     const std::int32_t facility = syslogFacilityForString(facilityName);
     std::optional<Selectors>* slot = facility < 0 ? nullptr : slotOf(facility);
     if (slot == nullptr) continue;

@@ -14,7 +14,7 @@ constexpr std::string_view blanks = " \t";
 
 }  // namespace
 
-std::optional<std::string> readConfigurationText(const std::string& path) {
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit) {
   // O_NONBLOCK: a named pipe without a writer must not hold the caller up.
   const FileDescriptor file = openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
   if (!file) return std::nullopt;
@@ -24,7 +24,11 @@ std::optional<std::string> readConfigurationText(const std::string& path) {
     errno = status->isDirectory() ? EISDIR : EINVAL;
     return std::nullopt;
   }
-  auto text = readToEnd(file.get(), maximumConfigurationSize);
+  return readToEnd(file.get(), limit);
+}
+
+std::optional<std::string> readConfigurationText(const std::string& path) {
+  auto text = readRegularFile(path);
   if (text && !isValidUtf8(*text)) {
     errno = EILSEQ;
     text.reset();
@@ -32,14 +36,13 @@ std::optional<std::string> readConfigurationText(const std::string& path) {
   return text;
 }
 
-std::vector<std::string_view> linesOf(std::string_view text) {
-  std::vector<std::string_view> lines;
-  lines.reserve(static_cast<std::size_t>(std::ranges::count(text, '\n')) + 1);
+std::vector<std::string_view> splitAt(std::string_view text, std::string_view separator) {
+  std::vector<std::string_view> parts;
   for (;;) {
-    const std::size_t end = text.find('\n');
-    lines.push_back(text.substr(0, end));
-    if (end == std::string_view::npos) return lines;
-    text.remove_prefix(end + 1);
+    const std::size_t end = separator.empty() ? std::string_view::npos : text.find(separator);
+    parts.push_back(text.substr(0, end));
+    if (end == std::string_view::npos) return parts;
+    text.remove_prefix(end + separator.size());
   }
 }
 

@@ -184,6 +184,14 @@ bool isDirectory(const std::string& path) {
   return status && status->isDirectory();
 }
 
+bool mayRead(const std::string& path) {
+  return detail::isUsablePath(path) && ::faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) == 0;
+}
+
+bool mayWrite(const std::string& path) {
+  return detail::isUsablePath(path) && ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0;
+}
+
 std::optional<std::string> readLink(const std::string& path) {
   if (!detail::isUsablePath(path)) return std::nullopt;
   for (std::string target(256, '\0');; target.resize(target.size() * 2)) {

@@ -55,6 +55,11 @@ OSTREL_EXPORT std::optional<std::vector<std::string>> listDirectory(const std::s
 OSTREL_EXPORT bool fileExists(const std::string& path);
 OSTREL_EXPORT bool isDirectory(const std::string& path);
 
+/// Whether this process, by its effective user and groups, may read or write what the path leads to; also when it is
+/// there at all (access(2)). For telling why something failed, never for deciding what to do.
+OSTREL_EXPORT bool mayRead(const std::string& path);
+OSTREL_EXPORT bool mayWrite(const std::string& path);
+
 /// Where a symbolic link points, as it is spelled. Absent when there is no link.
 OSTREL_EXPORT std::optional<std::string> readLink(const std::string& path);
 

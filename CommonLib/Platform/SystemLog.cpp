@@ -1,5 +1,6 @@
 #include "Platform/SystemLog.h"
 
+#include <errno.h>  // program_invocation_short_name
 #include <syslog.h>
 #include <unistd.h>
 
@@ -45,5 +46,7 @@ std::atomic<SystemLog*>& SystemLog::slot() {
 }
 
 pid_t processId() noexcept { return getpid(); }
+
+std::string_view processName() noexcept { return program_invocation_short_name; }
 
 }  // namespace ostrel

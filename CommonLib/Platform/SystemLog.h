@@ -40,6 +40,8 @@ class OSTREL_EXPORT SystemLog {
 
 /// The id of this process, for the "[%d] " that log lines begin with.
 OSTREL_EXPORT pid_t processId() noexcept;
+/// The name of the running program, without its folder.
+OSTREL_EXPORT std::string_view processName() noexcept;
 
 /// Formats a line (see Format.h) and writes it at the given level, user facility.
 template <class... Arguments>

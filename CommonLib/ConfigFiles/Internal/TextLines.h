@@ -12,16 +12,22 @@
 
 namespace ostrel::detail {
 
-/// Larger files are taken for unreadable: no configuration is, and an editor holds several copies.
+/// Larger text files are taken for unreadable: no configuration is, and an editor holds several copies.
 inline constexpr std::size_t maximumConfigurationSize = std::size_t{4} << 20U;
 
-/// A whole file that is valid UTF-8. Absent when it cannot be read, is no regular file (nothing is waited for) or is
-/// larger than `maximumConfigurationSize`; errno tells why.
+/// A whole file. Absent when it cannot be read, is no regular file (nothing is waited for) or is larger than `limit`;
+/// errno tells why.
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit = maximumConfigurationSize);
+
+/// The same for one that is valid UTF-8 (EILSEQ).
 std::optional<std::string> readConfigurationText(const std::string& path);
 
-/// The lines of a text without their line feeds: one more than it has line feeds, so that a text that ends with one
-/// has an empty last line. Carriage returns stay.
-std::vector<std::string_view> linesOf(std::string_view text);
+/// The parts of a text between the separators: one more than it has of them. An empty separator is nowhere.
+std::vector<std::string_view> splitAt(std::string_view text, std::string_view separator);
+
+/// The lines of a text without their line feeds. A text that ends with one has an empty last line. Carriage returns
+/// stay.
+inline std::vector<std::string_view> linesOf(std::string_view text) { return splitAt(text, "\n"); }
 
 /// Without spaces and tabs at both ends.
 std::string_view trimBlanks(std::string_view text);
