@@ -17,13 +17,15 @@ void appendEscaped(std::string& out, std::string_view text) {
   }
 }
 
+int withFacility(int priority) { return (priority & LOG_FACMASK) == 0 ? priority | LOG_USER : priority; }
+
 class HostSystemLog final : public SystemLog {
  public:
   void write(int priority, std::string_view line) override {
     if (line.ends_with('\n')) line.remove_suffix(1);
     std::string escaped;
     appendEscaped(escaped, line);
-    syslog(priority | LOG_USER, "%s", escaped.c_str());
+    syslog(withFacility(priority), "%s", escaped.c_str());
   }
 
   void writeRecord(int priority, std::span<const Field> fields, std::string_view message) override {
@@ -34,7 +36,7 @@ class HostSystemLog final : public SystemLog {
       line += "] ";
     }
     appendEscaped(line, message);
-    syslog(priority | LOG_USER, "%s", line.c_str());
+    syslog(withFacility(priority), "%s", line.c_str());
   }
 };
 
