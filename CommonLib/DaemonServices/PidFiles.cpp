@@ -1,3 +1,5 @@
+#include <new>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -26,12 +28,14 @@ FileDescriptor openPidFile(std::string_view name) {
 
 }  // namespace
 
-int ec_pid_from_pid_file(const char* name) {
+int ec_pid_from_pid_file(const char* name) try {
   if (name == nullptr || *name == '\0') return -1;
   const FileDescriptor file = openPidFile(name);
   const auto text = file ? readToEnd(file.get(), largestFile) : std::nullopt;
   const auto number = text ? leadingInteger(*text) : std::nullopt;
   return number && std::in_range<int>(*number) ? static_cast<int>(*number) : -1;
+} catch (const std::bad_alloc&) {
+  return -1;
 }
 
 pid_t ec_pid_from_pid_file_or_process_named(const char* pidFile, const char* name) {

@@ -113,8 +113,8 @@ OSTREL_EXPORT int launch_task_with_input(const PlistValue& path, const PlistValu
 OSTREL_EXPORT int launch_task_with_input_and_environment(const PlistValue& path, const PlistValue& arguments,
                                                          const PlistValue& input, const PlistValue& environment);
 
-/// Starts the program like `launch_task`, for one that goes on running: returns at once, true when it was started. It
-/// runs in a session of its own, and outlives this process.
+/// Starts the program like `launch_task`, for one that goes on running: returns at once, true when it was started. Its
+/// output and errors are discarded, it runs in a session of its own, and it outlives this process.
 OSTREL_EXPORT bool start_task(const PlistValue& path, const PlistValue& arguments);
 
 // Processor usage.

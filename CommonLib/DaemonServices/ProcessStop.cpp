@@ -8,6 +8,7 @@
 #include <initializer_list>
 #include <new>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -69,9 +70,9 @@ ProcessIdentity masterOf(const std::vector<ProcessEntry>& daemons) {
 
 std::string stopMaster(const ProcessIdentity& master, const char* name, bool& stopped) {
   stopped = true;
-  if (master.pid <= 0) return format("%s: already stopped\n", name);
+  if (master.id <= 0) return format("%s: already stopped\n", name);
   stopped = ProcessSignals::current().send(master, SIGTERM);
-  return stopped ? format("%s: stopped (pid #%d)\n", name, master.pid) : format("%s: could not stop\n", name);
+  return stopped ? format("%s: stopped (pid #%d)\n", name, master.id) : format("%s: could not stop\n", name);
 }
 
 /// False when the process table cannot be had, or no process has the name any more.
@@ -105,7 +106,7 @@ int ec_terminate_process_by_id(pid_t pid) {
   }
   ProcessIdentity process{pid, 0};
   const auto entries = ProcessTable::current().snapshot();
-  for (const ProcessEntry& entry : entries.value_or(std::vector<ProcessEntry>())) {
+  for (const ProcessEntry& entry : entries ? std::span(*entries) : std::span<const ProcessEntry>()) {
     if (entry.parent == pid) terminateAndKill(entry.identity());
     if (entry.pid == pid) process = entry.identity();
   }

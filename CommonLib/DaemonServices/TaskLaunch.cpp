@@ -63,8 +63,12 @@ int launch_task_with_input_and_environment(const PlistValue& path, const PlistVa
 }
 
 bool start_task(const PlistValue& path, const PlistValue& arguments) try {
-  const auto task = taskFrom(path, arguments, PlistValue(), PlistValue());
-  return task && TaskRunner::current().start(*task);
+  auto task = taskFrom(path, arguments, PlistValue(), PlistValue());
+  if (!task) return false;
+  // What goes on running must not hold on to this process's output, whose reader may wait for its end.
+  task->output = TaskStream::discarded;
+  task->errors = TaskStream::discarded;
+  return TaskRunner::current().start(*task).has_value();
 } catch (const std::bad_alloc&) {
   errno = ENOMEM;
   return false;

@@ -18,20 +18,20 @@ bool fail(int reason) {
 /// true.
 bool isStill(const ProcessIdentity& process) {
   if (process.started == 0) return true;
-  const auto entry = ProcessTable::current().find(process.pid);
+  const auto entry = ProcessTable::current().find(process.id);
   return entry && entry->started == process.started;
 }
 
 class HostProcessSignals final : public ProcessSignals {
  public:
   bool send(const ProcessIdentity& process, int signal) override {
-    if (process.pid < 1) return fail(EINVAL);
-    const FileDescriptor handle = detail::openProcess(process.pid);
+    if (process.id < 1) return fail(EINVAL);
+    const FileDescriptor handle = detail::openProcess(process.id);
     // A thread's id gives EINVAL or ENOENT, depending on the kernel.
     if (!handle && (errno == ESRCH || errno == EINVAL || errno == ENOENT)) return fail(ESRCH);
     if (!isStill(process)) return fail(ESRCH);
     if (handle) return detail::signalProcess(handle, signal);
-    return kill(process.pid, signal) == 0;  // no descriptor was to be had, or a sandbox denies these calls
+    return kill(process.id, signal) == 0;  // no descriptor was to be had, or a sandbox denies these calls
   }
 };
 

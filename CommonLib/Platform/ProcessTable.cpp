@@ -23,8 +23,8 @@ namespace {
 constexpr std::size_t longestShortName = 15;
 // More than the files of one process that are read here ever hold up to the last field that is wanted.
 constexpr std::size_t fileCapacity = 2048;
-// Two words of a command line, each as long as a path may be.
-constexpr std::size_t commandLineCapacity = 8192;
+// Three words of a command line, two of them as long as a path may be.
+constexpr std::size_t commandLineCapacity = 8448;
 
 /// Reads small files of the processes that a listing of /proc names, with two buffers for all of them: a table of
 /// thousands of processes is read often.
@@ -72,7 +72,8 @@ class ProcessWalk {
 bool isShortage(int reason) { return reason == EMFILE || reason == ENFILE || reason == ENOMEM; }
 
 /// Whether one of the longer names that a process goes by is `name`.
-bool hasLongName(pid_t pid, std::string_view name) {
+bool hasLongName(pid_t pid, std::string_view name) try {
+  constexpr int wordsLookedAt = 3;  // an interpreter, one option for it, and the script
   const auto program = readLink(format("/proc/%d/exe", pid));
   if (program && detail::programName(*program) == name) return true;
   const FileDescriptor file = openFile(format("/proc/%d/cmdline", pid), O_RDONLY);
@@ -80,11 +81,13 @@ bool hasLongName(pid_t pid, std::string_view name) {
   const ssize_t size = file ? readSome(file.get(), buffer.data(), buffer.size()) : -1;
   if (size <= 0) return false;
   std::string_view words(buffer.data(), static_cast<std::size_t>(size));
-  for (int i = 0; i < 2; ++i) {
+  for (int i = 0; i < wordsLookedAt; ++i) {
     const std::string_view word = words.substr(0, words.find('\0'));
     if (detail::programName(word) == name) return true;
     words.remove_prefix(std::min(word.size() + 1, words.size()));
   }
+  return false;
+} catch (const std::bad_alloc&) {
   return false;
 }
 

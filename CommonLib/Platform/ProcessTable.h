@@ -20,7 +20,7 @@ enum class ProcessState : std::uint8_t { none, starting, running, sleeping, stop
 
 /// Names one process for good: an id alone may be another's once its process has ended.
 struct ProcessIdentity {
-  pid_t pid = 0;
+  pid_t id = 0;
   std::uint64_t started = 0;  ///< in clock ticks since the machine started; 0: unknown, whoever has the id now
 };
 
@@ -58,9 +58,9 @@ class OSTREL_EXPORT ProcessTable {
   /// cannot be read. Cheaper than a snapshot.
   virtual pid_t firstNamed(std::string_view name);
 
-  /// Whether a process has exactly this name: its short name, or, for a name of more than 15 bytes whose beginning the
-  /// kernel cut to the short name, the file name of its program (/proc/PID/exe), or of the first or second word of its
-  /// command line (the second, for a script that an interpreter runs). The empty name is nobody's.
+  /// Whether a process has exactly this name: its short name, or, for a name of more than 15 bytes that the kernel cut
+  /// to the short name, the file name of its program (/proc/PID/exe) or of one of the first three words of its command
+  /// line (a script stands there behind its interpreter and perhaps an option). The empty name is nobody's.
   virtual bool isNamed(const ProcessEntry& process, std::string_view name);
 
  private:

@@ -14,8 +14,10 @@ class Fields {
   explicit Fields(std::string_view text) noexcept : rest_(text) {}
 
   std::string_view next() noexcept {
-    const std::string_view field = rest_.substr(0, rest_.find_first_of(" \n"));
-    rest_.remove_prefix(std::min(field.size() + 1, rest_.size()));
+    std::size_t size = 0;
+    while (size < rest_.size() && rest_[size] != ' ' && rest_[size] != '\n') ++size;
+    const std::string_view field = rest_.substr(0, size);
+    rest_.remove_prefix(std::min(size + 1, rest_.size()));
     return field;
   }
   template <class Integer>
@@ -24,8 +26,10 @@ class Fields {
     const auto [end, fault] = std::from_chars(field.data(), field.data() + field.size(), number);
     return fault == std::errc() && end == field.data() + field.size();
   }
-  void skip(int count) noexcept {
-    for (int i = 0; i < count; ++i) next();
+  void skip(std::size_t count) noexcept {
+    std::size_t at = 0;
+    for (; count > 0 && at < rest_.size(); ++at) count -= rest_[at] == ' ' ? 1U : 0U;
+    rest_.remove_prefix(at);
   }
   bool atEnd() const noexcept { return rest_.empty(); }
 
@@ -54,6 +58,14 @@ ProcessState stateOf(char letter) noexcept {
   }
 }
 
+/// The place of the last `byte`. Unlike `rfind`, many bytes at a step: this runs for every process of a table.
+std::size_t findLast(std::string_view text, char byte) noexcept {
+  if (text.empty()) return std::string_view::npos;
+  const void* found = ::memrchr(text.data(), byte, text.size());
+  return found == nullptr ? std::string_view::npos
+                          : static_cast<std::size_t>(static_cast<const char*>(found) - text.data());
+}
+
 bool isDigit(char byte) noexcept { return byte >= '0' && byte <= '9'; }
 
 /// "cpu" and a number, but not the line that sums all up.
@@ -80,10 +92,12 @@ bool readTicks(std::string_view line, ProcessorTicks& ticks) noexcept {
 }  // namespace
 
 std::optional<ProcessEntry> parseProcessStat(std::string_view text) noexcept {
-  constexpr int fieldsBetweenParentAndStart = 17;
+  constexpr std::size_t fieldsBetweenParentAndStart = 17;
   const std::size_t open = text.find(" (");
-  const std::size_t close = text.rfind(") ");
-  if (open == std::string_view::npos || close == std::string_view::npos || close < open + 2) return std::nullopt;
+  const std::size_t close = findLast(text, ')');
+  if (open == std::string_view::npos || close == std::string_view::npos || close < open + 2 ||
+      !text.substr(close + 1).starts_with(' '))
+    return std::nullopt;
   ProcessEntry entry;
   if (!Fields(text.substr(0, open)).next(entry.pid) || entry.pid < 1) return std::nullopt;
 

@@ -275,7 +275,7 @@ class HostTaskRunner final : public TaskRunner {
       started.error = ENOMEM;
     }
     answer.set_value(started);
-    if (started.identity) collect(started.identity->pid);
+    if (started.identity) collect(started.identity->id);
   }
 };
 

@@ -42,7 +42,7 @@ struct TaskOutcome {
 };
 
 /// Threads: every operation may be called from any thread; callers do not wait for one another. Nobody else may
-/// collect the children (waitpid(-1), an ignored SIGCHLD).
+/// collect the children (waitpid(-1), an ignored SIGCHLD) or, where it is passed on, change the environment meanwhile.
 class OSTREL_EXPORT TaskRunner {
  public:
   virtual ~TaskRunner() = default;

@@ -1,19 +1,12 @@
 // The service that the sample module administers: a child process that touches a file every second.
 #pragma once
 
-#include <sys/types.h>
-
-#include <cstdint>
 #include <optional>
 #include <string>
 
-namespace ostrel::sample {
+#include "Platform/ProcessTable.h"
 
-/// Names one process for good: an id alone may be used again once its process has ended.
-struct ProcessIdentity {
-  pid_t id = 0;
-  std::uint64_t started = 0;  ///< in the kernel's clock ticks since it booted
-};
+namespace ostrel::sample {
 
 /// Starts the service, which touches `file` until it is stopped or the file's folder is gone. It outlives this process,
 /// as a real service would; while this process lives, its end is collected. Absent, with errno, when it cannot start.

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <future>
@@ -33,6 +34,10 @@ PlistValue shell(const std::string& script, const std::string& argument = "") {
 
 TEST(LaunchTask, ReturnsTheExitStatus) {
   const PlistValue sh = "/bin/sh";
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(start_task("/bin/sleep", PlistValue::arrayOf({"2"})));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  EXPECT_FALSE(start_task("/nowhere/sleep", {}));
   EXPECT_EQ(launch_task("/bin/true", {}), 0);
   EXPECT_EQ(launch_task(sh, shell("exit 7")), 7);
   EXPECT_EQ(launch_task(sh, shell("kill -TERM $$")), 128 + SIGTERM);
@@ -126,23 +131,29 @@ TEST(PidFile, LooksRelativeNamesUpOnlyWhenTheyAreTooLong) {
   EXPECT_EQ(ec_pid_from_pid_file(name(1015).c_str()), 7);
 }
 
-/// A running copy of sleep(1) with a name of its own.
+/// A running copy of sleep(1) with a name of its own; a script of that name where the name tells so.
 class Sleeper {
  public:
   explicit Sleeper(const std::string& name) {
     const std::string program = folder_ / name;
-    std::filesystem::copy_file("/bin/sleep", program);
+    if (name.find("script") == std::string::npos) {
+      std::filesystem::copy_file("/bin/sleep", program);
+    } else {
+      writeFile(program, "#!/usr/bin/tail -f\n");
+      ::chmod(program.c_str(), 0700);
+    }
     Task task;
     task.path = program;
-    task.arguments = {"60"};
+    task.output = TaskStream::discarded;
+    if (name.find("script") == std::string::npos) task.arguments = {"60"};
     identity_ = TaskRunner::current().start(task).value_or(ProcessIdentity());
   }
   ~Sleeper() {
-    if (identity_.pid > 0) ProcessSignals::current().send(identity_, SIGKILL);
+    if (identity_.id > 0) ProcessSignals::current().send(identity_, SIGKILL);
   }
   Sleeper(const Sleeper&) = delete;
   Sleeper& operator=(const Sleeper&) = delete;
-  pid_t pid() const { return identity_.pid; }
+  pid_t pid() const { return identity_.id; }
 
  private:
   TemporaryFolder folder_;
@@ -151,7 +162,7 @@ class Sleeper {
 
 TEST(Processes, AreFoundByTheirExactNames) {
   for (const std::string name : {"ostrel-t1", "o) S 1 (t2 x", "o\nstrel-t3", "ostrel-fifteen4", "ostrel-sixteen-5",
-                                 "ostrel-service-with-a-long-name"}) {
+                                 "ostrel-service-with-a-long-name", "ostrel-script-with-a-long-name"}) {
     const Sleeper sleeper(name);
     ASSERT_GT(sleeper.pid(), 1);
     EXPECT_EQ(ec_pid_for_process_named(name.c_str()), sleeper.pid()) << name;

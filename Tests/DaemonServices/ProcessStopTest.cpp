@@ -40,8 +40,8 @@ class FakeProcesses final : public ProcessTable, public ProcessSignals {
     return std::nullopt;
   }
   bool send(const ProcessIdentity& target, int signal) override {
-    sent.push_back((signal == SIGTERM ? "TERM " : "KILL ") + std::to_string(target.pid));
-    errno = onSignal(target.pid, signal);
+    sent.push_back((signal == SIGTERM ? "TERM " : "KILL ") + std::to_string(target.id));
+    errno = onSignal(target.id, signal);
     return errno == 0;
   }
   void end(pid_t pid) {

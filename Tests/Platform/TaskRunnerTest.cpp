@@ -152,7 +152,7 @@ TEST(TaskRunner, StartsWithoutWaitingAndCollectsTheEnd) {
   task.arguments = {"60"};
   const auto started = TaskRunner::current().start(task);
   ASSERT_TRUE(started);
-  EXPECT_EQ(getsid(started->pid), started->pid);
+  EXPECT_EQ(getsid(started->id), started->id);
   ProcessIdentity earlier = *started;
   earlier.started -= 1;  // as if the id had had another owner before
   EXPECT_FALSE(ProcessSignals::current().send(earlier, SIGKILL));
