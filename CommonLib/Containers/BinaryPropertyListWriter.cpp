@@ -4,6 +4,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -51,20 +52,49 @@ std::size_t estimate(const PlistValue& value, std::size_t depth = 0) {
 class BinaryWriter {
  public:
   std::optional<std::string> writeFile(const PlistValue& value) {
+    out_.expectFrom(value, [](const PlistValue& whole) { return estimate(whole); });
+    if (!write(value)) return std::nullopt;
+    return out_.finish();
+  }
+
+  std::optional<PlistPieces> writePieces(const PlistValue& value) {
+    std::vector<Payload> payloads;
+    payloads_ = &payloads;
+    if (!write(value)) return std::nullopt;
+    PlistPieces made{{}, std::make_unique<std::string>(out_.finish()), 0};
+    const std::string_view packed = *made.packed;
+    made.size = packed.size() + payloadBytes_;
+    made.pieces.reserve(payloads.size() * 2 + 1);
+    std::size_t taken = 0;
+    for (const Payload& payload : payloads) {
+      made.pieces.push_back({packed.substr(taken, payload.position - taken), false});
+      made.pieces.push_back({payload.bytes, true});
+      taken = payload.position;
+    }
+    made.pieces.push_back({packed.substr(taken), false});
+    return made;
+  }
+
+ private:
+  /// The bytes of a data value that stand elsewhere, and where they belong in what is written here.
+  struct Payload {
+    std::size_t position;
+    std::string_view bytes;
+  };
+
+  bool write(const PlistValue& value) {
     constexpr std::size_t manyValues = 0x10000;
     const std::size_t count = countValues(value, manyValues);
     offsets_.reserve(count);
     referenceSize_ = count <= 0x100 ? 1 : count <= manyValues ? 2 : 4;
     known_.resize(std::clamp<std::size_t>(std::bit_ceil(count * 2), 64, 8192));
-    out_.expectFrom(value, [](const PlistValue& whole) { return estimate(whole); });
     out_.append(magic);
     Reference root = 0;
-    if (!writeValue(value, 0, root)) return std::nullopt;
+    if (!writeValue(value, 0, root)) return false;
     writeTable(root);
-    return out_.finish();
+    return true;
   }
 
- private:
   struct Known {
     const PlistValue* value = nullptr;
     Reference reference = 0;
@@ -91,13 +121,16 @@ class BinaryWriter {
   /// Begins an object of the given number of members, bytes or units.
   void beginCounted(Marker marker, std::size_t count);
   Reference begin() {
-    offsets_.push_back(out_.size());
+    offsets_.push_back(archiveSize());
     return static_cast<Reference>(offsets_.size() - 1);
   }
+  std::size_t archiveSize() const noexcept { return out_.size() + payloadBytes_; }
   /// The place in the table for a leaf; holds an equal leaf when `found`.
   Known& find(const PlistValue& leaf, std::uint64_t hash, bool& found);
 
   OutputBuffer out_;
+  std::vector<Payload>* payloads_ = nullptr;  // where payloads are put down instead of being copied
+  std::size_t payloadBytes_ = 0;
   std::vector<std::uint64_t> offsets_;
   std::vector<Reference> pending_;  // references of the containers that are being written
   std::vector<Known> known_;
@@ -231,7 +264,9 @@ void BinaryWriter::writeInteger(const PlistValue& value, Reference& reference) {
 void BinaryWriter::writeData(std::string_view bytes, Reference& reference) {
   reference = begin();
   beginCounted(Marker::data, bytes.size());
-  out_.append(bytes);
+  if (payloads_ == nullptr) return out_.append(bytes);
+  payloads_->push_back({out_.size(), bytes});
+  payloadBytes_ += bytes.size();
 }
 
 bool BinaryWriter::writeText(const PlistValue& value, Reference& reference) {
@@ -346,7 +381,7 @@ void BinaryWriter::writeContainer(Marker marker, std::size_t count, std::size_t 
 }
 
 void BinaryWriter::writeTable(Reference root) {
-  const std::uint64_t table = out_.size();
+  const std::uint64_t table = archiveSize();
   const std::size_t offsetSize = table <= 0xFF ? 1 : table <= 0xFFFF ? 2 : table <= 0xFFFFFFFF ? 4 : 8;
   for (const std::uint64_t offset : offsets_) out_.advanceTo(writeSized(out_.reserve(8), offset, offsetSize));
   char* const trailer = out_.reserve(trailerSize);
@@ -365,6 +400,11 @@ void BinaryWriter::writeTable(Reference root) {
 std::optional<std::string> writeBinaryPropertyList(const PlistValue& value) {
   detail::binary::BinaryWriter writer;  // not `BinaryWriter()`, which would clear its whole buffer first
   return writer.writeFile(value);
+}
+
+std::optional<PlistPieces> writeBinaryPropertyListPieces(const PlistValue& value) {
+  detail::binary::BinaryWriter writer;  // as above
+  return writer.writePieces(value);
 }
 
 }  // namespace ostrel

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Containers/Export.h"
 #include "Containers/PlistValue.h"
@@ -49,6 +51,20 @@ OSTREL_EXPORT PlistValue readStringsFile(std::string_view bytes, PlistForm form 
 /// when it cannot be represented: null, nesting beyond `maximumPlistDepth`, text that is not valid UTF-8 or holds a
 /// character that XML 1.0 cannot carry, a date outside the years 1 to 9999.
 OSTREL_EXPORT std::optional<std::string> writeXmlPropertyList(const PlistValue& value);
+
+/// A binary property list whose data payloads are not copied but shown where they are, for writers of large archives.
+struct PlistPieces {
+  struct Piece {
+    std::string_view bytes;
+    bool isPayload;  ///< the bytes of a data value, without what tells their number
+  };
+  std::vector<Piece> pieces;            ///< the archive, in order; views into `packed` and into the value
+  std::unique_ptr<std::string> packed;  ///< everything but the payloads
+  std::size_t size = 0;                 ///< of the archive
+};
+
+/// What `writeBinaryPropertyList` makes, in pieces. Valid while the value stays as it is.
+OSTREL_EXPORT std::optional<PlistPieces> writeBinaryPropertyListPieces(const PlistValue& value);
 
 /// Writes a value as a binary property list. Nothing when it cannot be represented: null, nesting beyond
 /// `maximumPlistDepth`, text that is not valid UTF-8, a date that is not a finite number. Every kind of value comes

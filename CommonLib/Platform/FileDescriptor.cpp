@@ -15,6 +15,12 @@
 namespace ostrel {
 namespace {
 
+constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
+
+std::int64_t nanosecondsOf(const timespec& time) {
+  return std::int64_t{time.tv_sec} * nanosecondsPerSecond + time.tv_nsec;
+}
+
 FileStatus statusFrom(const struct stat& found) {
   FileStatus status;
   status.device = found.st_dev;
@@ -25,6 +31,8 @@ FileStatus statusFrom(const struct stat& found) {
   status.group = found.st_gid;
   status.links = found.st_nlink;
   status.modified = static_cast<double>(found.st_mtim.tv_sec) + static_cast<double>(found.st_mtim.tv_nsec) / 1e9;
+  status.modifiedNanoseconds = nanosecondsOf(found.st_mtim);
+  status.changedNanoseconds = nanosecondsOf(found.st_ctim);
   return status;
 }
 
@@ -168,6 +176,12 @@ bool reserveSpace(int descriptor, std::uint64_t offset, std::uint64_t size) {
 FileDescriptor makeMemoryFile(const std::string& label) {
   if (!detail::isUsablePath(label)) return {};
   return FileDescriptor(::memfd_create(label.c_str(), MFD_CLOEXEC));
+}
+
+bool setModified(int descriptor, std::int64_t nanoseconds) {
+  const std::int64_t fraction = (nanoseconds % nanosecondsPerSecond + nanosecondsPerSecond) % nanosecondsPerSecond;
+  const timespec times[2] = {{0, UTIME_OMIT}, {(nanoseconds - fraction) / nanosecondsPerSecond, fraction}};
+  return detail::retried([&] { return ::futimens(descriptor, times); }) == 0;
 }
 
 bool tryLockFile(int descriptor) {

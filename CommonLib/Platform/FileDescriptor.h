@@ -49,7 +49,9 @@ struct FileStatus {
   uid_t user = 0;
   gid_t group = 0;
   std::uint64_t links = 0;
-  double modified = 0;  ///< seconds since 1970-01-01T00:00:00Z, with a fraction
+  double modified = 0;                   ///< seconds since 1970-01-01T00:00:00Z, with a fraction
+  std::int64_t modifiedNanoseconds = 0;  ///< the same, exactly
+  std::int64_t changedNanoseconds = 0;   ///< when contents or status last changed; no program can set it
 
   bool isRegularFile() const noexcept { return (mode & 0170000U) == 0100000U; }
   bool isDirectory() const noexcept { return (mode & 0170000U) == 0040000U; }
@@ -84,6 +86,8 @@ OSTREL_EXPORT bool truncateFile(int descriptor, std::uint64_t size);
 OSTREL_EXPORT bool syncFile(int descriptor);
 OSTREL_EXPORT bool syncFileData(int descriptor);
 OSTREL_EXPORT bool seekTo(int descriptor, std::uint64_t offset);
+/// Sets the time of modification, in nanoseconds since 1970, and leaves that of access alone. The owner's right.
+OSTREL_EXPORT bool setModified(int descriptor, std::int64_t nanoseconds);
 
 /// Reserves disk space for `size` bytes from `offset` on without changing the file's size (fallocate(2)), so that a
 /// write there does not find the disk full. True also where the file system cannot reserve, or this is no regular file.

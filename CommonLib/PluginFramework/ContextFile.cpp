@@ -5,8 +5,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <memory>
 #include <stdexcept>
-#include <system_error>
 
 #include "Containers/Format.h"
 #include "Containers/PropertyList.h"
@@ -15,139 +16,209 @@
 #include "Platform/Files.h"
 #include "Platform/SystemLog.h"
 #include "PluginFramework/Internal/ContextJournal.h"
+#include "PluginFramework/Internal/ContextRecovery.h"
 
 namespace ostrel::detail {
 namespace {
 
 constexpr mode_t contextFileMode = 0770;
-
-std::string failureOf(std::string_view operation) {
-  return format("%s: %s", operation, std::generic_category().message(errno));
-}
+constexpr std::uint64_t smallestLogLimit = 1 << 20;
+constexpr std::uint64_t logLimitInBases = 4;
 
 /// The file that carries the lock, and the journal beside it.
 class ContextFile {
  public:
-  /// Throws std::runtime_error when the file cannot be read.
+  /// Completes an interrupted write. Throws std::runtime_error when the file cannot be read.
   explicit ContextFile(int descriptor);
 
-  /// The bytes of the file, after an interrupted write has been completed.
-  const std::string& bytes() const noexcept { return bytes_; }
+  std::string_view bytes() const noexcept { return {bytes_.get(), size_}; }
   const std::string& path() const noexcept { return path_; }
   mode_t mode() const noexcept { return status_.mode & 0777; }
 
-  void write(const std::string& newBytes);
+  void write(const PlistPieces& archive);
   void erase();
 
  private:
+  void readStatusOfFile();
+  void readBytes();
   void openJournal(int flags);
-  void completeInterruptedWrite();
-  void writeJournal(const JournalRecord& record);
-  bool put(const JournalRecord& record);
-  bool replaceFrom(std::uint64_t start, const std::string& part, std::uint64_t length);
+  bool isLogCurrent();
+
+  void writeAhead(const PlistPieces& archive, const Delta& delta);
+  bool isLogLong() const noexcept;
+  bool beginEpoch();
+  void appendRecord(const PlistPieces& archive, const Delta& delta, bool sync);
+  [[noreturn]] void failJournal(std::string_view operation);
+
+  bool overwrite(const PlistPieces& archive, const Delta& delta);
+  bool putBack(const Delta& delta);
+  void noteWritten();
 
   const int descriptor_;
   FileStatus status_;
   std::string path_;
-  std::string bytes_;
+  std::unique_ptr<char[]> bytes_;
+  std::size_t size_ = 0;
+
   FileDescriptor journal_;
+  bool isJournalNew_ = false;
+  bool isCurrent_ = false;       // the log tells the file as it is: another record may follow
+  JournalStatus log_;            // while `isCurrent_`
+  std::uint64_t recordEnd_ = 0;  // of the write that is being made; 0: without a journal
 };
 
-[[noreturn]] void fail(std::string_view operation) { throw std::runtime_error(failureOf(operation)); }
-
-std::string readAll(int descriptor, std::uint64_t size) {
-  std::string bytes(size, '\0');
-  const ssize_t count = readAt(descriptor, bytes.data(), bytes.size(), 0);
-  if (count < 0) fail("read");
-  bytes.resize(static_cast<std::size_t>(count));
-  return bytes;
+ContextFile::ContextFile(int descriptor) : descriptor_(descriptor) {
+  readStatusOfFile();
+  if (!status_.isRegularFile()) throw std::runtime_error("not a regular file");
+  // A file that has been removed meanwhile belongs to its holder alone: what is written to it is gone with the close.
+  if (status_.links != 0) {
+    const auto path = descriptorPath(descriptor);
+    if (!path) failContextFile("path of the file");
+    path_ = *path;
+    openJournal(O_RDWR);
+    isCurrent_ = isLogCurrent();
+    if (journal_ && !isCurrent_) {
+      recoverContextFile(descriptor_, path_, journal_.get());
+      readStatusOfFile();
+    }
+  }
+  readBytes();
 }
 
-ContextFile::ContextFile(int descriptor) : descriptor_(descriptor) {
-  const auto status = descriptorStatus(descriptor);
-  if (!status) fail("fstat");
+void ContextFile::readStatusOfFile() {
+  const auto status = descriptorStatus(descriptor_);
+  if (!status) failContextFile("fstat");
   status_ = *status;
-  if (!status_.isRegularFile()) throw std::runtime_error("not a regular file");
-  bytes_ = readAll(descriptor, status_.size);
-  // A file that has been removed meanwhile belongs to its holder alone: what is written to it is gone with the close.
-  if (status_.links == 0) return;
-  const auto path = descriptorPath(descriptor);
-  if (!path) fail("path of the file");
-  path_ = *path;
-  openJournal(O_RDWR);
-  completeInterruptedWrite();
+}
+
+void ContextFile::readBytes() {
+  bytes_ = std::make_unique_for_overwrite<char[]>(status_.size);
+  const ssize_t count = readAt(descriptor_, bytes_.get(), status_.size, 0);
+  if (count < 0) failContextFile("read");
+  size_ = static_cast<std::size_t>(count);
 }
 
 void ContextFile::openJournal(int flags) { journal_ = openFile(path_ + ".journal", flags | O_NOFOLLOW, mode()); }
 
-void ContextFile::completeInterruptedWrite() {
-  if (!journal_) return;
-  const auto status = descriptorStatus(journal_.get());
-  if (!status || !status->isRegularFile()) return journal_.reset();  // a pipe would block
-  const std::uint64_t size = encodedSize(readAll(journal_.get(), journalHeadSize));
-  if (size == 0 || size > status->size) return;
-  const auto record = decodeJournal(readAll(journal_.get(), size));
-  if (record && isInterruptedWrite(bytes_, *record)) put(*record);
+bool ContextFile::isLogCurrent() {
+  if (!journal_) return false;
+  const auto journal = descriptorStatus(journal_.get());
+  if (!journal || !journal->isRegularFile()) {
+    journal_.reset();  // a pipe would block
+    return false;
+  }
+  const auto status = readStatus(journal_.get());
+  if (!status || status->boot == 0 || status->boot != bootMark() || status->restoring != 0) return false;
+  log_ = *status;
+  return journal->size == log_.logEnd && status_.inode == log_.inode && status_.size == log_.fileSize &&
+         status_.modifiedNanoseconds == log_.fileModified;
 }
 
-/// Puts the new bytes of a write in place. False, with the reason in errno, when the old ones are there again instead.
-bool ContextFile::put(const JournalRecord& record) {
-  if (replaceFrom(record.start, record.newBytes, record.newLength)) return true;
-  const int reason = errno;  // no space, say: the old bytes need none that they have not got
-  if (!replaceFrom(record.start, record.oldBytes, record.oldLength)) fail("write, and writing the old bytes again");
-  errno = reason;
-  return false;
+// Writing.
+
+void ContextFile::write(const PlistPieces& archive) {
+  const Delta delta = differenceOf(bytes(), archive);
+  if (delta.extents.empty()) return;
+  if (status_.links != 0) writeAhead(archive, delta);
+  if (!overwrite(archive, delta)) {
+    const int reason = errno;  // no space, say: the old bytes need none that they have not got
+    if (!putBack(delta)) failContextFile("write, and writing the old bytes again");
+    errno = reason;
+    if (recordEnd_ != 0) failJournal("write");
+    failContextFile("write");
+  }
+  if (recordEnd_ != 0) noteWritten();
 }
 
-/// Makes the file its bytes before `start`, those of `part`, and the rest of its own up to `length`.
-bool ContextFile::replaceFrom(std::uint64_t start, const std::string& part, std::uint64_t length) {
-  if (!writeAt(descriptor_, part, start)) return false;
-  const auto status = descriptorStatus(descriptor_);
-  if (!status || (status->size > length && !truncateFile(descriptor_, length))) return false;
-  bytes_.resize(std::max<std::size_t>(bytes_.size(), start + part.size()));
-  bytes_.replace(start, part.size(), part);
-  bytes_.resize(length);
+void ContextFile::writeAhead(const PlistPieces& archive, const Delta& delta) {
+  const bool isNewEpoch = !isCurrent_ || isLogLong();
+  if (isNewEpoch && !beginEpoch()) return;
+  appendRecord(archive, delta, isNewEpoch || !delta.onlyPayloads);
+}
+
+bool ContextFile::isLogLong() const noexcept {
+  return log_.logEnd > std::max<std::uint64_t>(smallestLogLimit, logLimitInBases * size_);
+}
+
+/// False when there can be no journal.
+bool ContextFile::beginEpoch() {
+  // On the disk before the former epoch is given up, and that before its place is taken: a half of each would be
+  // neither. With its time, which tells after a restart that the file is ours.
+  if (!syncFile(descriptor_)) failContextFile("fsync");
+  if (!journal_) {
+    openJournal(O_RDWR | O_CREAT | O_EXCL);
+    // Who may write the file but not its folder does without.
+    if (!journal_ && (errno == EACCES || errno == EPERM)) return false;
+    if (!journal_) failContextFile("open of the journal");
+    isJournalNew_ = true;
+    changeMode(journal_.get(), mode());
+    changeOwner(journal_.get(), status_.user, status_.group);
+  } else if (!truncateFile(journal_.get(), 0) || !syncFileData(journal_.get())) {
+    failContextFile("ftruncate of the journal");
+  }
+  const JournalHead head = makeHead(bytes(), status_.modifiedNanoseconds);
+  log_ = JournalStatus();
+  log_.epoch = head.checksum;
+  log_.boot = head.boot;
+  log_.logEnd = journalBaseAt + size_;
+  log_.inode = status_.inode;
+  log_.fileSize = size_;
+  log_.fileModified = status_.modifiedNanoseconds;
+  if (!writeAt(journal_.get(), encodeStart(head, log_).append(bytes()), 0)) failJournal("write of the journal");
   return true;
 }
 
-void ContextFile::writeJournal(const JournalRecord& record) {
-  if (!syncFileData(descriptor_)) fail("fdatasync");
-  const bool isNew = !journal_;
-  if (isNew) {
-    openJournal(O_RDWR | O_CREAT | O_EXCL);
-    // Who may write the file but not its folder does without.
-    if (!journal_ && (errno == EACCES || errno == EPERM)) return;
-    if (!journal_) fail("open of the journal");
-    changeMode(journal_.get(), mode());
-    changeOwner(journal_.get(), status_.user, status_.group);
-  }
-  if (!writeAt(journal_.get(), encodeJournal(record), 0)) fail("write of the journal");
-  if (!syncFileData(journal_.get())) fail("fdatasync of the journal");
-  if (isNew && !syncDirectory(path_.substr(0, path_.rfind('/') + 1))) fail("fsync of the folder");
+void ContextFile::appendRecord(const PlistPieces& archive, const Delta& delta, bool sync) {
+  const std::string record =
+      encodeRecord(delta, bytes(), archive, log_.epoch, log_.logEnd, status_.modifiedNanoseconds);
+  if (!writeAt(journal_.get(), record, log_.logEnd)) failJournal("write of the journal");
+  if (sync && !syncFileData(journal_.get())) failJournal("fdatasync of the journal");
+  if (isJournalNew_ && !syncDirectory(path_.substr(0, path_.rfind('/') + 1))) failJournal("fsync of the folder");
+  recordEnd_ = log_.logEnd + record.size();
 }
 
-void ContextFile::write(const std::string& newBytes) {
-  if (newBytes == bytes_) return;
-  const JournalRecord record = makeRecord(newBytes, bytes_);
-  if (status_.links != 0) writeJournal(record);
-  if (!put(record)) fail("write");
+/// Takes the record of a write that failed back, so that no crash brings it to the file.
+void ContextFile::failJournal(std::string_view operation) {
+  const int reason = errno;
+  truncateFile(journal_.get(), log_.logEnd);
+  errno = reason;
+  failContextFile(operation);
+}
+
+bool ContextFile::overwrite(const PlistPieces& archive, const Delta& delta) {
+  std::string bytes;
+  for (const Extent& extent : delta.extents) {
+    bytes.clear();
+    appendRange(archive, extent.offset, extent.newLength, bytes);
+    if (!writeAt(descriptor_, bytes, extent.offset)) return false;
+  }
+  return delta.newLength >= delta.oldLength || truncateFile(descriptor_, delta.newLength);
+}
+
+bool ContextFile::putBack(const Delta& delta) {
+  const auto putExtent = [&](const Extent& extent) {
+    return writeAt(descriptor_, bytes().substr(extent.offset, extent.oldLength), extent.offset);
+  };
+  return std::ranges::all_of(delta.extents, putExtent) && truncateFile(descriptor_, delta.oldLength);
+}
+
+/// What is not noted here makes the next write begin an epoch, and no more.
+void ContextFile::noteWritten() {
+  // The kernel's own time of modification stands still for some milliseconds: a foreign write within them could not be
+  // told from this one. This time is none that the kernel gives.
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  setModified(descriptor_, std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
+  const auto status = descriptorStatus(descriptor_);
+  if (!status) return;
+  log_.logEnd = recordEnd_;
+  log_.fileSize = status->size;
+  log_.fileModified = status->modifiedNanoseconds;
+  writeAt(journal_.get(), encodeStatus(log_), journalStatusAt);
 }
 
 void ContextFile::erase() {
-  // The journal goes first: what it holds must not come back.
-  if (journal_) {
-    if (!syncFileData(descriptor_)) fail("fdatasync");
-    if (!truncateFile(journal_.get(), 0) || !syncFileData(journal_.get())) fail("ftruncate of the journal");
-  }
-  if (!truncateFile(descriptor_, 0)) fail("ftruncate");
-}
-
-void keepUnreadable(const ContextFile& file) {
-  const std::string aside = file.path() + ".unreadable";
-  if (file.path().empty() || fileExists(aside)) return;
-  AtomicWriteOptions options;
-  options.mode = file.mode();
-  writeFileAtomically(aside, file.bytes(), options);
+  if (journal_) retireJournal(descriptor_, journal_.get());
+  if (!truncateFile(descriptor_, 0)) failContextFile("ftruncate");
 }
 
 std::optional<std::string> reasonOf(const auto& work) {
@@ -186,7 +257,7 @@ PlistValue readContext(int descriptor) {
     PlistError error;
     context = readPropertyList(file.bytes(), PlistForm::mutableContainers, &error);
     if (context.isDictionary()) return;
-    keepUnreadable(file);
+    keepAside(file.path(), file.bytes(), file.mode());  // the next write ends them
     throw std::runtime_error(context.isNull() ? format("%s at byte %d", error.message, error.offset)
                                               : std::string("the stored context is not a dictionary"));
   });
@@ -196,7 +267,7 @@ PlistValue readContext(int descriptor) {
 
 std::optional<std::string> writeContext(int descriptor, const PlistValue& context) {
   return reasonOf([&] {
-    const auto archive = writeBinaryPropertyList(context);
+    const auto archive = writeBinaryPropertyListPieces(context);
     if (!archive) throw std::runtime_error("the context cannot be archived");
     ContextFile(descriptor).write(*archive);
   });

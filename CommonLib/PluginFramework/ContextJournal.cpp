@@ -1,46 +1,33 @@
 #include "PluginFramework/Internal/ContextJournal.h"
 
 #include <algorithm>
-#include <array>
-#include <cstddef>
 #include <cstring>
+#include <type_traits>
+
+#include "Platform/FileDescriptor.h"
+#include "Platform/HostBoot.h"
 
 namespace ostrel::detail {
 namespace {
 
-struct Head {
-  std::array<char, 8> magic{'o', 's', 't', 'r', 'e', 'l', 'j', 'n'};
-  std::uint64_t newLength = 0;
+struct RecordHead {
+  std::array<char, 8> magic{'o', 's', 't', 'r', 'e', 'l', 'j', 'r'};
+  std::uint64_t epoch = 0;
+  std::uint64_t position = 0;
+  std::int64_t modifiedBefore = 0;
   std::uint64_t oldLength = 0;
-  std::uint64_t start = 0;
-  std::uint64_t unchanged = 0;
-  std::uint64_t newPart = 0;
-  std::uint64_t oldPart = 0;
-  std::uint64_t checksum = 0;  // of everything but itself
+  std::uint64_t newLength = 0;
+  std::uint64_t extents = 0;
+  std::uint64_t bodySize = 0;  // the extents, then their old bytes, then their new bytes
+  std::uint64_t checksum = 0;  // of head and body
 };
-static_assert(sizeof(Head) == journalHeadSize);
-
-constexpr std::uint64_t mostBytes = 1ULL << 62;  // more than any file: no sum of two overflows
-
-/// Absent for bytes that are too few, no head, or tell lengths that do not belong together.
-std::optional<Head> headOf(std::string_view bytes) {
-  Head head;
-  const auto magic = head.magic;
-  if (bytes.size() < sizeof head) return std::nullopt;
-  std::memcpy(&head, bytes.data(), sizeof head);
-  const bool fits = head.start <= std::min(head.newLength, head.oldLength) &&
-                    head.newPart <= head.newLength - head.start && head.oldPart <= head.oldLength - head.start &&
-                    std::max(head.newLength, head.oldLength) <= mostBytes;
-  return head.magic == magic && fits ? std::optional(head) : std::nullopt;
-}
 
 constexpr std::uint64_t mix(std::uint64_t hash, std::uint64_t word) {
   hash = (hash ^ word) * 0x9E3779B97F4A7C15U;
   return hash ^ (hash >> 29);
 }
 
-/// Tells a torn record from a whole one; no defence against an adversary, who could write the file itself. Four lanes,
-/// since one would wait for its multiplication at every word.
+/// Four lanes, since one would wait for its multiplication at every word.
 class Checksum {
  public:
   Checksum& add(std::string_view bytes) {
@@ -65,83 +52,162 @@ class Checksum {
   std::array<std::uint64_t, 4> lanes_{0, 1, 2, 3};
 };
 
-std::uint64_t checksumOf(Head head, std::string_view parts) {
-  head.checksum = 0;
-  return Checksum().add({reinterpret_cast<const char*>(&head), sizeof head}).add(parts).sum();
+template <class Block>
+std::string_view bytesOf(const Block& block) {
+  static_assert(std::has_unique_object_representations_v<Block>, "no padding, whose bytes are anything");
+  return {reinterpret_cast<const char*>(&block), sizeof block};
 }
 
-/// The checksum of what lies before `start` and from `end` on.
-std::uint64_t checksumAround(std::string_view content, std::size_t start, std::size_t end) {
-  return Checksum().add(content.substr(0, start)).add(content.substr(end)).sum();
+/// The checksum of a block, its own field counting as 0, and of what follows it.
+template <class Block>
+std::uint64_t checksumOf(Block block, std::string_view rest = {}) {
+  block.checksum = 0;
+  return Checksum().add(bytesOf(block)).add(rest).sum();
+}
+
+template <class Block>
+bool readBlock(int journal, std::uint64_t position, Block& block) {
+  const auto magic = block.magic;
+  return readAt(journal, &block, sizeof block, position) == sizeof block && block.magic == magic;
+}
+
+bool readBytes(int journal, std::uint64_t position, std::uint64_t size, std::string& bytes) {
+  bytes.resize(size);
+  return readAt(journal, bytes.data(), size, position) == static_cast<ssize_t>(size);
+}
+
+/// Takes the body of a record apart. False when its numbers do not belong together.
+bool decodeBody(std::string_view body, std::uint64_t extents, JournalRecord& record) {
+  if (extents > body.size() / sizeof(Extent)) return false;
+  std::string_view bytes = body.substr(extents * sizeof(Extent));
+  std::uint64_t least = 0;  // where the next change may begin
+  for (std::uint64_t i = 0; i < extents; ++i) {
+    Extent extent;
+    std::memcpy(&extent, body.data() + i * sizeof extent, sizeof extent);
+    if (extent.offset < least || extent.offset > record.oldLength ||
+        extent.oldLength > record.oldLength - extent.offset || extent.offset > record.newLength ||
+        extent.newLength > record.newLength - extent.offset || extent.oldLength > bytes.size() ||
+        extent.newLength > bytes.size() - extent.oldLength)
+      return false;
+    least = extent.offset + extent.newLength;
+    record.changes.push_back({extent.offset, std::string(bytes.substr(0, extent.oldLength)),
+                              std::string(bytes.substr(extent.oldLength, extent.newLength))});
+    bytes.remove_prefix(extent.oldLength + extent.newLength);
+  }
+  return bytes.empty();
 }
 
 }  // namespace
 
-JournalRecord makeRecord(std::string_view newContent, std::string_view oldContent) {
-  const auto differ = std::ranges::mismatch(newContent, oldContent);
-  const auto start = static_cast<std::size_t>(differ.in1 - newContent.begin());
-  std::size_t same = 0;  // at the end
-  if (newContent.size() == oldContent.size())
-    while (same < newContent.size() - start &&
-           newContent[newContent.size() - 1 - same] == oldContent[oldContent.size() - 1 - same])
-      ++same;
+std::uint64_t bootMark() {
+  const std::string& identifier = HostBoot::current().identifier();
+  return identifier.empty() ? 0 : Checksum().add(identifier).sum();
+}
 
-  JournalRecord record;
-  record.newLength = newContent.size();
-  record.oldLength = oldContent.size();
-  record.start = start;
-  record.newBytes = newContent.substr(start, newContent.size() - same - start);
-  record.oldBytes = oldContent.substr(start, oldContent.size() - same - start);
-  record.unchanged = checksumAround(newContent, start, newContent.size() - same);
+JournalHead makeHead(std::string_view base, std::int64_t modified) {
+  JournalHead head;
+  head.boot = bootMark();
+  head.baseLength = base.size();
+  head.baseModified = modified;
+  head.baseChecksum = Checksum().add(base).sum();
+  head.checksum = checksumOf(head);
+  return head;
+}
+
+std::string encodeStart(const JournalHead& head, const JournalStatus& status) {
+  std::string start(bytesOf(head));
+  start.resize(journalStatusAt);
+  start += encodeStatus(status);
+  start.resize(journalBaseAt);
+  return start;
+}
+
+std::string encodeStatus(JournalStatus status) {
+  status.checksum = checksumOf(status);
+  return std::string(bytesOf(status));
+}
+
+std::optional<JournalStatus> readStatus(int journal) {
+  JournalStatus status;
+  const bool whole = readBlock(journal, journalStatusAt, status) && checksumOf(status) == status.checksum;
+  return whole ? std::optional(status) : std::nullopt;
+}
+
+std::string encodeRecord(const Delta& delta, std::string_view old, const PlistPieces& archive, std::uint64_t epoch,
+                         std::uint64_t position, std::int64_t modifiedBefore) {
+  RecordHead head;
+  std::size_t size = sizeof head + delta.extents.size() * sizeof(Extent);
+  for (const Extent& extent : delta.extents) size += extent.oldLength + extent.newLength;
+  std::string record;
+  record.reserve(size);
+  record.append(sizeof head, '\0');
+  for (const Extent& extent : delta.extents) record += bytesOf(extent);
+  for (const Extent& extent : delta.extents) {
+    record += old.substr(extent.offset, extent.oldLength);
+    appendRange(archive, extent.offset, extent.newLength, record);
+  }
+  head.epoch = epoch;
+  head.position = position;
+  head.modifiedBefore = modifiedBefore;
+  head.oldLength = delta.oldLength;
+  head.newLength = delta.newLength;
+  head.extents = delta.extents.size();
+  head.bodySize = record.size() - sizeof head;
+  head.checksum = checksumOf(head, std::string_view(record).substr(sizeof head));
+  std::memcpy(record.data(), &head, sizeof head);
   return record;
 }
 
-std::string encodeJournal(const JournalRecord& record) {
-  Head head;
-  head.newLength = record.newLength;
-  head.oldLength = record.oldLength;
-  head.start = record.start;
-  head.unchanged = record.unchanged;
-  head.newPart = record.newBytes.size();
-  head.oldPart = record.oldBytes.size();
-  const std::string parts = record.newBytes + record.oldBytes;
-  head.checksum = checksumOf(head, parts);
-  return std::string(reinterpret_cast<const char*>(&head), sizeof head) + parts;
+std::optional<JournalReplay> JournalReplay::begin(int journal) {
+  JournalHead head;
+  const auto status = descriptorStatus(journal);
+  if (!status || status->size < journalBaseAt) return std::nullopt;
+  if (!readBlock(journal, 0, head) || checksumOf(head) != head.checksum) return std::nullopt;
+  if (head.baseLength > status->size - journalBaseAt) return std::nullopt;
+  std::string base;
+  if (!readBytes(journal, journalBaseAt, head.baseLength, base)) return std::nullopt;
+  if (Checksum().add(base).sum() != head.baseChecksum) return std::nullopt;
+  return JournalReplay(journal, status->size, head, std::move(base));
 }
 
-std::uint64_t encodedSize(std::string_view head) {
-  const auto read = headOf(head);
-  return read ? sizeof(Head) + read->newPart + read->oldPart : 0;
+std::optional<JournalRecord> JournalReplay::next() const {
+  RecordHead head;
+  if (position_ > size_ || size_ - position_ < sizeof head || !readBlock(journal_, position_, head))
+    return std::nullopt;
+  if (head.epoch != head_.checksum || head.position != position_ || head.oldLength != content_.size() ||
+      head.bodySize > size_ - position_ - sizeof head)
+    return std::nullopt;
+  std::string body;
+  if (!readBytes(journal_, position_ + sizeof head, head.bodySize, body)) return std::nullopt;
+  if (checksumOf(head, body) != head.checksum) return std::nullopt;
+
+  JournalRecord record{
+      head.modifiedBefore, head.oldLength, head.newLength, {}, position_ + sizeof head + head.bodySize};
+  if (!decodeBody(body, head.extents, record)) return std::nullopt;
+  const bool fits = std::ranges::all_of(record.changes, [&](const JournalRecord::Change& change) {
+    return std::string_view(content_).substr(change.offset, change.oldBytes.size()) == change.oldBytes;
+  });
+  return fits ? std::optional(std::move(record)) : std::nullopt;
 }
 
-std::optional<JournalRecord> decodeJournal(std::string_view bytes) {
-  const auto head = headOf(bytes);
-  if (!head || encodedSize(bytes) > bytes.size()) return std::nullopt;
-  bytes = bytes.substr(sizeof(Head), head->newPart + head->oldPart);
-  if (checksumOf(*head, bytes) != head->checksum) return std::nullopt;
-  return JournalRecord{head->newLength,
-                       head->oldLength,
-                       head->start,
-                       head->unchanged,
-                       std::string(bytes.substr(0, head->newPart)),
-                       std::string(bytes.substr(head->newPart))};
+void JournalReplay::apply(const JournalRecord& record) {
+  content_.resize(std::max(record.oldLength, record.newLength));
+  for (const JournalRecord::Change& change : record.changes)
+    content_.replace(change.offset, change.newBytes.size(), change.newBytes);
+  content_.resize(record.newLength);
+  position_ = record.end;
 }
 
-bool isInterruptedWrite(std::string_view current, const JournalRecord& record) {
-  if (current.size() < std::min(record.newLength, record.oldLength)) return false;
-  if (current.size() > std::max(record.newLength, record.oldLength)) return false;
-  const bool sameLength = record.newLength == record.oldLength;
-  const std::size_t end = sameLength ? record.start + record.newBytes.size() : current.size();
-  const std::string_view part = current.substr(record.start, end - record.start);
-  const std::string_view newBytes = record.newBytes;
-  const std::string_view oldBytes = record.oldBytes;
-  if (part == newBytes || part == oldBytes) return false;
-  for (std::size_t i = 0; i < part.size(); ++i) {
-    const bool isNew = i < newBytes.size() && part[i] == newBytes[i];
-    const bool isOld = i < oldBytes.size() ? part[i] == oldBytes[i] : part[i] == '\0';
+bool isMixture(std::string_view current, std::string_view before, std::string_view after) {
+  if (current == before || current == after) return false;
+  if (current.size() < std::min(before.size(), after.size())) return false;
+  if (current.size() > std::max(before.size(), after.size())) return false;
+  for (std::size_t i = 0; i < current.size(); ++i) {
+    const bool isNew = i < after.size() && current[i] == after[i];
+    const bool isOld = i < before.size() ? current[i] == before[i] : current[i] == '\0';
     if (!isNew && !isOld) return false;
   }
-  return checksumAround(current, record.start, end) == record.unchanged;
+  return true;
 }
 
 }  // namespace ostrel::detail

@@ -30,6 +30,7 @@ bool allowed(const auto& change, const auto& half) {
     _exit(42);
   }
   if (number == Trap::failAt) {
+    if (Trap::tear) half();
     errno = EIO;
     return false;
   }
@@ -66,7 +67,7 @@ int fdatasync(int descriptor) {
 }
 
 int fsync(int descriptor) {
-  const auto change = [&] { return FileChange{FileChange::Kind::syncFolder, pathOf(descriptor), 0, {}}; };
+  const auto change = [&] { return FileChange{FileChange::Kind::syncAll, pathOf(descriptor), 0, {}}; };
   return allowed(change, nothing) ? static_cast<int>(syscall(SYS_fsync, descriptor)) : -1;
 }
 

@@ -10,7 +10,7 @@
 namespace ostrel::testing {
 
 struct FileChange {
-  enum class Kind { create, write, truncate, sync, syncFolder };
+  enum class Kind { create, write, truncate, sync, syncAll };  // the last also a folder, or a file's times
   Kind kind;
   std::string path;
   std::uint64_t position = 0;  // of a write; the length of a truncation
@@ -25,7 +25,7 @@ struct SystemCallTrap {
   static inline std::atomic<int> changes = 0;
   /// Where the changes of this process are put down, in order; nullptr: nowhere. One thread only.
   static inline std::vector<FileChange>* record = nullptr;
-  /// The write, sync or truncation of this number fails with EIO; 0: none.
+  /// The write, sync or truncation of this number fails with EIO, after half of it when `tear` is set; 0: none.
   static inline std::atomic<int> failAt = 0;
   /// The attempt to lock of this number fails with EIO; 0: none.
   static inline std::atomic<int> failLockAt = 0;

@@ -11,22 +11,36 @@ namespace ostrel::detail {
 
 // How a context is written so that a crash leaves the old or the new one, never a mixture or nothing:
 //
-// The file itself carries the lock, so it cannot be replaced by rename. It is overwritten where it changes and then cut
-// to the new length: on ext4 far cheaper than truncating first, which makes the file system allocate anew and flush at
-// the close. Before that, the new and the old bytes there go to "FILE.journal", with a checksum over all:
+// The file itself carries the lock, so it cannot be replaced by rename. It is overwritten where it changes and cut to
+// the new length. Before that, the change goes to the log "FILE.journal" (its format: ContextJournal.h):
 //
-//   1. sync the file, so that the journal's former record is needed no more
-//   2. write the journal and sync it (and its folder, when the journal is new)
-//   3. overwrite the file and cut it to length; not synced: the journal can repeat this step until the next write
+//   an epoch begins   sync the file and its time; empty the journal and sync it; put the whole file there as the base
+//   each write        append a record: which stretches are replaced, by what, and what they held before
+//                     sync the journal, if the write is one that is synced (below)
+//                     overwrite those stretches of the file; not synced: the log can repeat it
+//                     note in the journal's status how far the file has come, and its time and size
 //
-// Whoever reads or writes the file, with the lock held, looks at the journal first. The write in it was interrupted
-// when the record is intact and the file is neither its old nor its new bytes but, byte for byte, a mixture of the two;
-// the new bytes are then put in place or, where the disk has no room for them, the old ones. In every other case the
-// file is a whole context and is left alone: a journal that is torn, or is older than what somebody else wrote or
-// restored since, damages nothing.
+// A new epoch begins when the log has passed 1 MB and four times the file, after a restart of the machine, and when the
+// file is not as the status says: somebody else wrote it. Records are made from the bytes that the file really holds.
 //
-// The journal stays, to be overwritten by the next write: making and removing it each time would cost more, and the
-// comparison above makes a leftover harmless. It has the mode of the file, since it holds the same data, and its
+// Which writes are synced: all but those that change nothing but bytes within data values of unchanged length, such as
+// samples taken into a history. Settings are made by people, seldom, and must be there after a power failure once the
+// lock is given up. Samples are made by clocks, for ever: a sync each would cost ten times the rest of the write and
+// wear the disk, to save the last half minute of a graph. They are whole or absent all the same, and are on the disk
+// with the next synced write, the next epoch, or when the kernel writes them back.
+//
+// What happens after a crash, whenever somebody reads or writes the file with the lock held:
+//
+// - The machine has run on (boot_id is that in the journal; all processes see the same bytes): only the last record can
+//   be half in the file. When the file is, byte for byte, a mixture of the contents before and after that record, the
+//   record is put in place or, where the disk has no room for it, taken back.
+// - The machine was started anew: the file and the unsynced end of the log are what the disk happened to get. The last
+//   content that the log tells without a gap is restored, and the bytes found are kept as "FILE.unreadable", if nobody
+//   has touched the file since the start and its time is one that the log knows or the two minutes after it. Then the
+//   journal is emptied.
+// - In every other case the file is a whole context that somebody put there, and is left alone.
+//
+// The journal stays, to be used by the next write. It has the mode of the file, since it holds the same data, and its
 // owner where the writer may give that.
 //
 // Threads: every function may be called from any thread; the caller holds the file's lock. Each may block on the disk.

@@ -1,43 +1,112 @@
-// The record beside a context file from which an interrupted write is completed. See ContextFile.h.
+// The write-ahead log beside a context file. What it is for: see ContextFile.h.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "PluginFramework/Internal/ContextDelta.h"
 
 namespace ostrel::detail {
 
-/// One write of a file: what it replaces, from `start` on. What lies before, and behind when both contents are equally
-/// long, is the same in both and is known by its checksum only: a small change of a large context makes a small record.
-struct JournalRecord {
-  std::uint64_t newLength = 0;  // of the whole file
-  std::uint64_t oldLength = 0;
-  std::uint64_t start = 0;
-  std::uint64_t unchanged = 0;  // checksum of what is the same
-  std::string newBytes;
-  std::string oldBytes;
+// The journal of one epoch, numbers in the machine's byte order:
+//
+//   offset 0     the head, written once
+//   offset 512   the status, rewritten after each write of the file
+//   offset 1024  the base: the whole file as it was when the epoch began
+//   then         the records, one for each write since
+//
+// Head and status have a sector each, so that a torn status spoils nothing. Checksums tell torn bytes from whole ones;
+// they are no defence against an adversary, who could write the file itself.
+
+inline constexpr std::size_t journalStatusAt = 512;
+inline constexpr std::size_t journalBaseAt = 1024;
+
+struct JournalHead {
+  std::array<char, 8> magic{'o', 's', 't', 'r', 'e', 'l', 'j', 'h'};
+  std::uint64_t boot = 0;  ///< the run of the machine (see `bootMark`)
+  std::uint64_t baseLength = 0;
+  std::int64_t baseModified = 0;  ///< the file's time of modification then, in nanoseconds
+  std::uint64_t baseChecksum = 0;
+  std::uint64_t checksum = 0;  ///< of the head; names the epoch
 };
 
-/// The record of replacing one content by another.
-JournalRecord makeRecord(std::string_view newContent, std::string_view oldContent);
+struct JournalStatus {
+  std::array<char, 8> magic{'o', 's', 't', 'r', 'e', 'l', 'j', 's'};
+  std::uint64_t epoch = 0;
+  std::uint64_t boot = 0;
+  std::uint64_t logEnd = 0;  ///< the records before it are in the file, whole
+  std::uint64_t inode = 0;   ///< the file as that write left it
+  std::uint64_t fileSize = 0;
+  std::int64_t fileModified = 0;
+  std::uint64_t restoring = 0;  ///< 1: the file is being overwritten with the last state that the records tell
+  std::uint64_t checksum = 0;
+};
 
-/// The record as bytes: a head ("ostreljn", the numbers above, the lengths of both parts and a checksum
-/// over all, in the machine's byte order), the new bytes, the old bytes.
-std::string encodeJournal(const JournalRecord& record);
+/// Stands for this run of the machine; 0 when the kernel does not name it.
+std::uint64_t bootMark();
 
-inline constexpr std::size_t journalHeadSize = 64;
+JournalHead makeHead(std::string_view base, std::int64_t modified);
+/// The block of `journalBaseAt` bytes before the base.
+std::string encodeStart(const JournalHead& head, const JournalStatus& status);
+std::string encodeStatus(JournalStatus status);
+/// Absent when there is none or it is not whole.
+std::optional<JournalStatus> readStatus(int journal);
 
-/// How many bytes the record that begins with `head` takes; 0 when that is no head. What a longer record has left
-/// behind it need not be read.
-std::uint64_t encodedSize(std::string_view head);
+/// One write: what it replaced by what.
+struct JournalRecord {
+  struct Change {
+    std::uint64_t offset = 0;
+    std::string oldBytes, newBytes;
+  };
+  std::int64_t modifiedBefore = 0;  ///< the file's time of modification before the write
+  std::uint64_t oldLength = 0;      ///< of the file
+  std::uint64_t newLength = 0;
+  std::vector<Change> changes;
+  std::uint64_t end = 0;  ///< where the next record begins
+};
 
-/// The record at the start of `bytes`, whatever follows it; absent when it is not whole.
-std::optional<JournalRecord> decodeJournal(std::string_view bytes);
+/// The record of writing `archive` over `old`, to stand at `position` in the journal of `epoch`.
+std::string encodeRecord(const Delta& delta, std::string_view old, const PlistPieces& archive, std::uint64_t epoch,
+                         std::uint64_t position, std::int64_t modifiedBefore);
 
-/// Whether `current` is what an interrupted write from old to new can leave and is neither of them: every byte is the
-/// old or the new one at its place (or 0 where the file grew), and the length lies between the two.
-bool isInterruptedWrite(std::string_view current, const JournalRecord& record);
+/// Steps through the contents that a journal tells, from its base on.
+class JournalReplay {
+ public:
+  /// Absent when head or base are not whole.
+  static std::optional<JournalReplay> begin(int journal);
+
+  const JournalHead& head() const noexcept { return head_; }
+  /// The file's content after the records so far.
+  const std::string& content() const noexcept { return content_; }
+  std::uint64_t position() const noexcept { return position_; }
+
+  /// The next record; absent at the end of the log, which is also where a record is torn or does not fit the content.
+  std::optional<JournalRecord> next() const;
+  /// Takes over what `next` told.
+  void apply(const JournalRecord& record);
+
+ private:
+  JournalReplay(int journal, std::uint64_t size, const JournalHead& head, std::string base)
+      : journal_(journal),
+        size_(size),
+        head_(head),
+        content_(std::move(base)),
+        position_(journalBaseAt + content_.size()) {}
+
+  int journal_;
+  std::uint64_t size_;
+  JournalHead head_;
+  std::string content_;
+  std::uint64_t position_;
+};
+
+/// Whether `current` is what an interrupted overwriting of `before` with `after` can leave and is neither of them:
+/// every byte is that of one of them (or 0 where the file grew), and the length lies between the two.
+bool isMixture(std::string_view current, std::string_view before, std::string_view after);
 
 }  // namespace ostrel::detail
