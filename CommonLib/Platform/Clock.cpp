@@ -17,6 +17,10 @@ class HostClock final : public Clock {
 
 }  // namespace
 
+bool Clock::waitFor(Condition& condition, Mutex& mutex, std::chrono::nanoseconds limit) {
+  return condition.waitUntil(mutex, std::chrono::steady_clock::now() + limit);
+}
+
 std::atomic<Clock*>& Clock::slot() {
   static std::atomic<Clock*> slot{new HostClock};  // kept: other threads may use it while the process exits
   return slot;

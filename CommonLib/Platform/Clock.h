@@ -6,6 +6,7 @@
 
 #include "Containers/Export.h"
 #include "Containers/PlistValue.h"
+#include "Platform/Mutex.h"
 #include "Platform/Service.h"
 
 namespace ostrel {
@@ -22,6 +23,9 @@ class OSTREL_EXPORT Clock {
   virtual std::chrono::nanoseconds monotonic() = 0;
   /// Blocks the calling thread for at least this long.
   virtual void sleepFor(std::chrono::nanoseconds duration) = 0;
+  /// Waits until `condition` is notified, at most for `limit`; false when the time was up. May return true for no
+  /// reason, so callers loop over their condition with what is left of their budget.
+  virtual bool waitFor(Condition& condition, Mutex& mutex, std::chrono::nanoseconds limit) OSTREL_REQUIRES(mutex);
 
  private:
   friend class ScopedOverride<Clock>;

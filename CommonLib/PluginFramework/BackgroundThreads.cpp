@@ -1,21 +1,34 @@
 #include "PluginFramework/Internal/BackgroundThreads.h"
 
+#include <optional>
 #include <system_error>
 #include <thread>
 #include <utility>
 
+#include "Platform/Clock.h"
 #include "Platform/Mutex.h"
 
 namespace ostrel {
+namespace {
+
+constexpr int mostThatLinger = 64;
+
+}  // namespace
 
 struct BackgroundThreads::State {
   Mutex mutex;
   Condition changed;
   int running OSTREL_GUARDED_BY(mutex) = 0;
+  int lingering OSTREL_GUARDED_BY(mutex) = 0;
+  bool isEnding OSTREL_GUARDED_BY(mutex) = false;
 
   void add(int difference) {
     const MutexLock lock(mutex);
     running += difference;
+    changed.notifyAll();
+  }
+  void end() OSTREL_REQUIRES(mutex) {
+    isEnding = true;
     changed.notifyAll();
   }
 };
@@ -26,27 +39,48 @@ BackgroundThreads::~BackgroundThreads() { waitUntilNone(); }
 
 void BackgroundThreads::waitUntilNone() {
   const MutexLock lock(state_->mutex);
+  state_->end();
   while (state_->running != 0) state_->changed.wait(state_->mutex);
 }
 
 void BackgroundThreads::start(std::function<void()> work) {
+  if (!tryStart(work)) work();
+}
+
+bool BackgroundThreads::tryStart(const std::function<void()>& work) {
   state_->add(1);
-  const auto body = std::make_shared<std::function<void()>>(std::move(work));
-  const auto run = [state = state_](std::shared_ptr<std::function<void()>> mine) {
-    (*mine)();
-    mine.reset();
-    state->add(-1);
-  };
   try {
-    std::thread(run, body).detach();
+    std::thread([state = state_, mine = std::optional(work)]() mutable {
+      (*mine)();
+      mine.reset();
+      state->add(-1);
+    }).detach();
+    return true;
   } catch (const std::system_error&) {
-    run(body);
+    state_->add(-1);
+    return false;
   }
+}
+
+void BackgroundThreads::linger(std::chrono::nanoseconds time) {
+  Clock& clock = Clock::current();
+  const auto end = clock.monotonic() + time;
+  State& state = *state_;
+  const MutexLock lock(state.mutex);
+  if (state.lingering >= mostThatLinger) return;
+  ++state.lingering;
+  while (!state.isEnding) {
+    const auto left = end - clock.monotonic();
+    if (left <= std::chrono::nanoseconds::zero()) break;
+    clock.waitFor(state.changed, state.mutex, left);
+  }
+  --state.lingering;
 }
 
 bool BackgroundThreads::waitUntilNone(std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   const MutexLock lock(state_->mutex);
+  state_->end();
   while (state_->running != 0)
     if (!state_->changed.waitUntil(state_->mutex, deadline)) break;
   return state_->running == 0;

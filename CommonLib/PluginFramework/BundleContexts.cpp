@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <memory>
+#include <string>
 
 #include "Platform/Clock.h"
 #include "Platform/FileDescriptor.h"
@@ -12,11 +14,13 @@
 #include "PluginFramework/BundleManager.h"
 #include "PluginFramework/Envelope.h"
 #include "PluginFramework/Internal/ContextFile.h"
+#include "PluginFramework/Internal/LimitedWaits.h"
 
 namespace ostrel {
 namespace {
 
 constexpr std::chrono::milliseconds waitPerAttempt{100};
+constexpr std::chrono::seconds longWait{10};  // worth a warning
 constexpr std::array<std::string_view, 5> longRunningModules{"ostrel_accounts", "ostrel_mail", "ostrel_print",
                                                              "ostrel_swupdate", "ostrel_web"};
 
@@ -30,6 +34,31 @@ std::string contextPath(std::string_view module) {
   path.reserve(path.size() + module.size() + 6);
   return path.append("/").append(module).append(".lock");
 }
+
+/// The wait for one context's lock, with its budget of attempts.
+class LockWait {
+ public:
+  LockWait(detail::LimitedWaits& waits, int attempts) : waits_(waits), attemptsLeft_(attempts) {}
+
+  /// Blocks until the next attempt is due; false when there is none left.
+  bool pause() {
+    if (!wait_) wait_ = std::make_unique<detail::LimitedWait>(waits_, attemptsLeft_ * waitPerAttempt);
+    Clock::current().sleepFor(waitPerAttempt);
+    return --attemptsLeft_ >= 1;
+  }
+  /// True once, when `longWait` has passed.
+  bool becameLong() {
+    if (isLong_ || wait_->duration() < longWait) return false;
+    isLong_ = true;
+    return true;
+  }
+
+ private:
+  detail::LimitedWaits& waits_;
+  int attemptsLeft_;
+  bool isLong_ = false;
+  std::unique_ptr<detail::LimitedWait> wait_;  // from the first attempt that failed
+};
 
 std::int64_t wholeSeconds(const FileStatus& status) { return static_cast<std::int64_t>(std::floor(status.modified)); }
 
@@ -65,7 +94,7 @@ PlistValue BundleManager::cachedContext(std::string_view module, std::int64_t fi
 
 bool BundleManager::lockContextFile(std::string_view module, int* outFileDescriptor) {
   const std::string path = contextPath(module);
-  int attemptsLeft = attemptsFor(module);  // for all openings together
+  LockWait wait(*waits_, attemptsFor(module));  // for all openings together
   for (;;) {
     errno = ENOENT;
     const int descriptor = module.find('/') == std::string_view::npos ? detail::openContextFile(path, false) : -1;
@@ -80,15 +109,16 @@ bool BundleManager::lockContextFile(std::string_view module, int* outFileDescrip
       if (tryLockFile(descriptor)) return true;
       failure = errno;
       if (failure != EWOULDBLOCK && failure != EINTR) break;
-      Clock::current().sleepFor(waitPerAttempt);
-      if (--attemptsLeft < 1) {
+      const bool mayTryAgain = wait.pause();
+      if (wait.becameLong()) warnOfLongWait(module);
+      if (!mayTryAgain) {
         reportDeadlockAndQuit(module);
         FileDescriptor closing(*outFileDescriptor);
         *outFileDescriptor = -1;
         return false;
       }
     }
-    if (plugInLogging) logNotice("outstanding requests are: %@", CopyOutstandingRequests());
+    if (plugInLogging) logNotice("[%d] outstanding requests are: %s", processId(), describeOutstandingRequests());
     logNotice("[%d] error in getAndLockContext: flock returned %d (errno=%d) fd = %d file was %s", processId(), -1,
               failure, descriptor, path);
     // Opened again; the failed descriptor stays open, which is meant: whoever looks at the process finds it.
@@ -99,12 +129,31 @@ void BundleManager::reportDeadlockAndQuit(std::string_view module) {
   const PlistValue requests = CopyOutstandingRequests();
   {
     const MutexLock lock(mtLock);
+    const MutexLock markers(requestsLock);  // they are redacted, and others read them
     LogDeadlockToMessageTracer(requests, module);
   }
   logNotice("[%d] error in getAndLockContext: flock(%s) FATAL time out", processId(), module);
   logNotice("[%d] process will force-quit to avoid deadlock", processId());
-  if (plugInLogging) logNotice("outstanding requests are: %@", requests);
+  if (plugInLogging) logNotice("[%d] outstanding requests are: %s", processId(), describeOutstandingRequests());
   forceQuitNow_PleaseLookAtHungThreadAndNotThisThread();
+}
+
+std::chrono::nanoseconds BundleManager::longestOverrun() const { return waits_->longestOverrun(); }
+
+void BundleManager::warnOfLongWait(std::string_view module) const {
+  logAt(LogLevel::warning, "[%d] %s has waited %d seconds for its context, which %s", processId(), module,
+        longWait.count(), contextHolder(module));
+}
+
+/// Without arguments, and bounded: the command is the caller's text.
+std::string BundleManager::contextHolder(std::string_view module) const {
+  const MutexLock lock(requestsLock);
+  const auto holder = contextHolders.find(module);
+  if (holder == contextHolders.end() || holder->second.isNull()) return "no request of this process holds";
+  const PlistValue& marker = holder->second;
+  const double seconds = Clock::current().now().secondsSince1970 - marker.get("Timestamp").dateValue().secondsSince1970;
+  return format("%s %.96s holds, begun %.0f seconds ago", module, marker.get("Command").stringValue(),
+                std::max(seconds, 0.0));
 }
 
 void BundleManager::setAndUnlockContext(const PlistValue& context, std::string_view module, int* inoutFileDescriptor) {

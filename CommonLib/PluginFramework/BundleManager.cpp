@@ -17,6 +17,7 @@
 #include "Platform/SystemLog.h"
 #include "PluginFramework/Envelope.h"
 #include "PluginFramework/Internal/BackgroundThreads.h"
+#include "PluginFramework/Internal/LimitedWaits.h"
 #include "PluginFramework/Internal/ModuleException.h"
 #include "PluginFramework/PluginRequestHandler.h"
 
@@ -45,6 +46,7 @@ bool lessIgnoringCase(const std::string& left, const std::string& right) {
 BundleManager::BundleManager()
     : outstandingRequests(PlistValue::mutableArray()),
       plugInLogging(fileExists(hostPath(debugMarker))),
+      waits_(std::make_unique<detail::LimitedWaits>()),
       background_(std::make_unique<BackgroundThreads>()) {
   const std::string directory = hostPath(bundleDirectory);
   for (const std::string& entry : listDirectory(directory).value_or(std::vector<std::string>()))
@@ -52,7 +54,9 @@ BundleManager::BundleManager()
 }
 
 BundleManager::BundleManager(std::string_view moduleName)
-    : plugInLogging(fileExists(hostPath(debugMarker))), background_(std::make_unique<BackgroundThreads>()) {
+    : plugInLogging(fileExists(hostPath(debugMarker))),
+      waits_(std::make_unique<detail::LimitedWaits>()),
+      background_(std::make_unique<BackgroundThreads>()) {
   const std::string name(moduleName);
   if (name.find('/') != std::string::npos) {
     loadFailures_.push_back({name, "a module's name holds no \"/\""});
@@ -65,7 +69,7 @@ BundleManager::BundleManager(std::string_view moduleName)
 BundleManager::~BundleManager() { background_->waitUntilNone(); }
 
 void BundleManager::loadBundle(const std::string& path, const std::string& moduleName) {
-  if (plugInLogging) logNotice("Loading module %@", moduleName);
+  if (plugInLogging) logNotice("[%d] Loading module %@", processId(), moduleName);
   std::string reason;
   try {
     std::shared_ptr<ModuleBundle> bundle = ModuleLoader::current().load(path, &reason);
@@ -127,6 +131,35 @@ void BundleManager::addMarker(const PlistValue& marker) {
 void BundleManager::removeMarker(const PlistValue& marker) {
   const MutexLock lock(requestsLock);
   outstandingRequests.removeIdentical(marker);
+  const auto holder = contextHolders.find(marker.get("Module").stringValue());
+  if (holder != contextHolders.end() && holder->second.isIdentical(marker)) holder->second = nullptr;
+}
+
+void BundleManager::noteContextHolder(std::string_view module, const PlistValue& marker) {
+  const MutexLock lock(requestsLock);
+  if (outstandingRequests.isNull()) return;
+  const auto holder = contextHolders.find(module);
+  if (holder != contextHolders.end()) {
+    holder->second = marker;
+  } else {
+    contextHolders.emplace(module, marker);
+  }
+}
+
+PlistValue BundleManager::outstandingRequestsWithoutArguments() const {
+  PlistValue copies = PlistValue::mutableArray();
+  const MutexLock lock(requestsLock);
+  for (const PlistValue& marker : outstandingRequests.elements()) {
+    PlistValue copy = marker.mutableCopy();
+    copy.remove("Request");
+    copies.append(copy);
+  }
+  return copies;
+}
+
+std::string BundleManager::describeOutstandingRequests() const {
+  const MutexLock lock(requestsLock);
+  return outstandingRequests.isNull() ? PlistValue::mutableArray().description() : outstandingRequests.description();
 }
 
 PlistValue BundleManager::CopyOutstandingRequests() const {
@@ -143,12 +176,13 @@ PlistValue BundleManager::doCommand(const PlistValue& request, std::string_view 
                                                              {"Command", request.get("command")},
                                                              {"Request", request}});
   addMarker(marker);
-  PlistValue response = runInContext(request, module, user);
+  PlistValue response = runInContext(request, module, user, marker);
   removeMarker(marker);
   return response;
 }
 
-PlistValue BundleManager::runInContext(const PlistValue& request, std::string_view module, const PlistValue& user) {
+PlistValue BundleManager::runInContext(const PlistValue& request, std::string_view module, const PlistValue& user,
+                                       const PlistValue& marker) {
   PluginRequestHandler* handler = getPrincipalClass(module);
   if (handler == nullptr) return errorResponse(errors::cannotLoadBundle);
 
@@ -156,6 +190,7 @@ PlistValue BundleManager::runInContext(const PlistValue& request, std::string_vi
   bool timedOut = false;
   PlistValue context = getAndLockContext(module, &lockFileFD, &timedOut);
   if (timedOut) return errorResponse(errors::cannotRunBundle);
+  noteContextHolder(module, marker);
   if (user.isNull()) {
     remove_user_from_dict(context);
   } else {

@@ -19,9 +19,13 @@
 namespace ostrel {
 
 class BackgroundThreads;
+class BatchResults;
 class ModuleBundle;
 class PluginRequestHandler;
 struct Notification;
+namespace detail {
+class LimitedWaits;
+}
 
 /// The plug-in host. It keeps one handler for each module and the cache of the modules' contexts.
 ///
@@ -87,10 +91,53 @@ class OSTREL_EXPORT BundleManager {
   void removeMarker(const PlistValue& marker);
   /// A new array of the markers {"Module", "Timestamp", "Command", "Request"} of the requests that run now.
   PlistValue CopyOutstandingRequests() const;
+  /// The same without "Request", as copies that nobody else changes: a deadlock report redacts the markers themselves.
+  PlistValue outstandingRequestsWithoutArguments() const;
 
   /// Waits until the notifications that were started are posted, at most for `limit` of real time. True when no
   /// background thread is left. For a clean stop.
   bool finishBackgroundWork(std::chrono::milliseconds limit);
+
+  // Batch requests.
+
+  struct BatchItem;
+  /// Told of each command of a batch once it has its response, on the thread that ran it. Must not throw: that would
+  /// count as a hang.
+  using BatchObserver =
+      std::function<void(const BatchItem& item, const PlistValue& response, std::chrono::nanoseconds duration)>;
+
+  /// The work of one thread of a batch.
+  struct BatchItem {
+    std::shared_ptr<BatchResults> results;  ///< the condition lock and the responses, shared by the batch
+    PlistValue request;
+    PlistValue module;
+    PlistValue user;
+    BatchObserver observer;
+  };
+
+  /// `doBatchCommand:forUser:`: runs the commands of {"requestsArray": [{"name": module, "request": request}, ...],
+  /// "sendResponsesAsDictionary": boolean} side by side, each with `doCommand` on a new thread, and waits for all of
+  /// them. The caller bounds their number. Where the system gives no more threads, a command runs on this one.
+  ///
+  /// {"responsesArray": [{"response", "name", "command"}, ...]} in the order of completion, each ending before its
+  /// first null; or a dictionary of dictionaries, module to command to response, where the later one wins and what has
+  /// no text for its name or command is left out. Null at once when the array is absent or no array, or at the first
+  /// member that is no dictionary: those before it run on. A batch that is not complete after 900 seconds ends the
+  /// process (see Watchdog); so does, then, one in which `doCommand` threw.
+  PlistValue doBatchCommand(const PlistValue& request, const PlistValue& user, const BatchObserver& observer = {});
+  /// `doOneBatchCommand:`: the body of such a thread. It goes on for up to 5 seconds after its response, unless the
+  /// host waits for its background threads or many go on so already.
+  void doOneBatchCommand(const BatchItem& item);
+
+  // Idle processing: the handlers' `doIdleAtCount`, on the calling thread.
+
+  /// `doIdle`: calls every module in turn, with its context locked, and with the count of such passes of the process
+  /// before this one. A pass ends at the first context that cannot be locked. Nothing happens, and nothing is counted,
+  /// in sleep mode.
+  void doIdle();
+  /// `doIdle:`: the same for one module, in sleep mode as well, with a count of its own. Throws ContextError as
+  /// `getAndLockContext` does; the marker then stays.
+  void doIdle(std::string_view module);
 
   // Contexts: see ContextStore.h.
 
@@ -98,9 +145,9 @@ class OSTREL_EXPORT BundleManager {
   /// not newer, in whole seconds: what another process wrote in the second of this host's own last use is not seen, and
   /// gone with its next write. `*outFileDescriptor` is the open file. Tries for the lock every 100 ms: 1,200 times,
   /// 9,000 for the modules "ostrel_accounts", "ostrel_mail", "ostrel_print", "ostrel_swupdate" and "ostrel_web"; then
-  /// writes the deadlock report and ends the process. Null with `*timedout` true when the file cannot be opened; a name
-  /// with "/" or NUL in it names no file. Throws ContextError, keeping the lock, when the status of the locked file
-  /// cannot be read.
+  /// writes the deadlock report and ends the process. A wait of 10 seconds is logged once, with who holds the lock.
+  /// Null with `*timedout` true when the file cannot be opened; a name with "/" or NUL in it names no file. Throws
+  /// ContextError, keeping the lock, when the status of the locked file cannot be read.
   PlistValue getAndLockContext(std::string_view module, int* outFileDescriptor, bool* timedout);
   /// `setAndUnlockContext:forModule:inoutFileDescriptor:`: writes the context back if it is dirty (without "_user_"),
   /// renews its cache entry, unlocks and closes; the descriptor becomes -1. Does nothing when it is -1 already.
@@ -114,6 +161,9 @@ class OSTREL_EXPORT BundleManager {
   void setCrashOnHangTimeout(bool crash) noexcept { crashOnHangTimeout = crash; }
   /// Suspends the idle pass over all modules.
   void setSleepMode(bool sleep) noexcept { sleepMode = sleep; }
+  /// How far the wait for a context or a batch that is furthest beyond its limit is beyond it; zero as long as none is.
+  /// More than a moment means that not even the forced quit came through.
+  std::chrono::nanoseconds longestOverrun() const;
   /// Ends the process at once, without running destructors: other threads hang, and nothing may wait for them.
   /// Virtual so that a host can be watched where the process must live on.
   virtual void forceQuitNow_PleaseLookAtHungThreadAndNotThisThread();
@@ -131,11 +181,18 @@ class OSTREL_EXPORT BundleManager {
   using ByModule = std::unordered_map<std::string, Value, NameHash, std::equal_to<>>;
 
   void loadBundle(const std::string& path, const std::string& moduleName);
-  PlistValue runInContext(const PlistValue& request, std::string_view module, const PlistValue& user);
+  PlistValue runInContext(const PlistValue& request, std::string_view module, const PlistValue& user,
+                          const PlistValue& marker);
   PlistValue runRequest(PluginRequestHandler& handler, const PlistValue& request, std::string_view module,
                         const PlistValue& context, int* lockFileFD);
   void announceStateChange(const PlistValue& request, std::string_view module, const PlistValue& response);
+  void startBatchItem(const BatchItem& item);
+  void runBatchItem(const BatchItem& item);
   bool lockContextFile(std::string_view module, int* outFileDescriptor);
+  void noteContextHolder(std::string_view module, const PlistValue& marker);
+  std::string contextHolder(std::string_view module) const;
+  void warnOfLongWait(std::string_view module) const;
+  std::string describeOutstandingRequests() const;
   PlistValue cachedContext(std::string_view module, std::int64_t fileDate);
   void reportDeadlockAndQuit(std::string_view module);
 
@@ -146,11 +203,14 @@ class OSTREL_EXPORT BundleManager {
   mutable Mutex requestsLock;
   Mutex mtLock;
   PlistValue outstandingRequests OSTREL_GUARDED_BY(requestsLock);  // null: a single-module host keeps none
+  // The outstanding request that had a module's context last; it may have let go of it.
+  ByModule<PlistValue> contextHolders OSTREL_GUARDED_BY(requestsLock);
   std::atomic<bool> crashOnHangTimeout = false;
   bool plugInLogging = false;
   std::atomic<bool> sleepMode = false;
 
   std::vector<LoadFailure> loadFailures_;
+  std::unique_ptr<detail::LimitedWaits> waits_;
   std::unique_ptr<BackgroundThreads> background_;
 };
 

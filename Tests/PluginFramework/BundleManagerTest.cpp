@@ -91,7 +91,7 @@ TEST(BundleManager, LoadsWhatItCanAndTellsTheRest) {
   testing::writeFile(host / "var/tmp/ostrel_plugin_debug", "");
   const BundleManager talking;
   EXPECT_EQ(log.lines().size(), 8U);
-  EXPECT_TRUE(log.holds("Loading module Bear"));
+  EXPECT_TRUE(log.holds(logLine("Loading module Bear")));
 }
 
 TEST(BundleManager, ASingleModuleHostKeepsNoRequests) {

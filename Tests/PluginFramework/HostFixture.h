@@ -4,10 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <string>
 
 #include "Platform/HostRoot.h"
+#include "PluginFramework/BundleManager.h"
 #include "Support/Fakes.h"
 #include "Support/TemporaryFolder.h"
 
@@ -32,6 +34,14 @@ class HostFixture {
  private:
   TemporaryFolder folder_;
   ScopedHostRoot root_;
+};
+
+/// A host whose forced quit is only noted.
+class WatchedManager final : public BundleManager {
+ public:
+  using BundleManager::BundleManager;
+  void forceQuitNow_PleaseLookAtHungThreadAndNotThisThread() override { ++quits; }
+  std::atomic<int> quits = 0;
 };
 
 inline struct stat statusOf(const std::string& path) {

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "Platform/Clock.h"
@@ -27,6 +28,12 @@ class FakeClock final : public Clock {
     elapsed_ += duration;
     ++sleeps_;
   }
+  /// False when the fake time has passed, by somebody's sleep; wakes every real millisecond.
+  bool waitFor(Condition& condition, Mutex& mutex, std::chrono::nanoseconds limit) override OSTREL_REQUIRES(mutex) {
+    const auto deadline = monotonic() + limit;
+    condition.waitUntil(mutex, std::chrono::steady_clock::now() + std::chrono::milliseconds(1));
+    return monotonic() < deadline;
+  }
   int sleeps() {
     const MutexLock lock(mutex_);
     return sleeps_;
@@ -37,6 +44,26 @@ class FakeClock final : public Clock {
   Mutex mutex_;
   std::chrono::nanoseconds elapsed_ OSTREL_GUARDED_BY(mutex_){};
   int sleeps_ OSTREL_GUARDED_BY(mutex_) = 0;
+};
+
+/// The real time of day, and a real clock that runs `factor` times as fast: budgets of minutes pass in a second.
+class FastClock final : public Clock {
+ public:
+  explicit FastClock(int factor) : factor_(factor) {}
+  PlistDate now() override {
+    const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+    return PlistDate{std::chrono::duration<double>(sinceEpoch).count()};
+  }
+  std::chrono::nanoseconds monotonic() override {
+    return std::chrono::steady_clock::now().time_since_epoch() * factor_;
+  }
+  void sleepFor(std::chrono::nanoseconds duration) override { std::this_thread::sleep_for(duration / factor_); }
+  bool waitFor(Condition& condition, Mutex& mutex, std::chrono::nanoseconds limit) override OSTREL_REQUIRES(mutex) {
+    return Clock::waitFor(condition, mutex, limit / factor_);
+  }
+
+ private:
+  const int factor_;
 };
 
 /// Keeps what was logged. Safe from any thread.

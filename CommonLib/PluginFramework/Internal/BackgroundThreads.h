@@ -19,8 +19,14 @@ class BackgroundThreads {
   /// Runs `work` on a detached thread of its own; on this one when the system gives no thread, since work that is
   /// late is better than work that is lost. `work` must not throw. It is destroyed before it counts as done.
   void start(std::function<void()> work);
+  /// The same, but not on this thread: false, with nothing done, when the system gives no thread.
+  bool tryStart(const std::function<void()>& work);
 
-  /// Waits until none is left, those included that are started meanwhile.
+  /// For the end of such a thread: blocks for `time`, but no longer than until somebody waits for none, and not at all
+  /// when many threads do so already.
+  void linger(std::chrono::nanoseconds time);
+
+  /// Waits until none is left, those included that are started meanwhile. From then on none lingers.
   void waitUntilNone();
   /// The same, at most for `limit` of real time; true when none is left.
   bool waitUntilNone(std::chrono::milliseconds limit);

@@ -51,6 +51,22 @@ class GoodHandler : public ostrel::PluginRequestHandler {
     if (kind == "silent") throw Silent();
     throw static_cast<const char*>(nullptr);  // NOLINT
   }
+  /// Keeps the counts it was given; "throw" in the context makes it fail.
+  int doIdleAtCount(int count) override {
+    const PlistValue before = context().get("counts");
+    PlistValue counts = before.isNull() ? PlistValue::mutableArray() : before.mutableCopy();
+    counts.append(count);
+    setKept("counts", counts);
+    if (context().get("throw").boolValue()) throw std::runtime_error("idle hands");
+    return 0;
+  }
+  PlistValue failWhenIdleWithRequest(const PlistValue&) {
+    setKept("throw", true);
+    return PlistValue::dictionaryOf({});
+  }
+  PlistValue getCountsWithRequest(const PlistValue&) {
+    return PlistValue::dictionaryOf({{"counts", context().get("counts")}}).deepMutableCopy();
+  }
   PlistValue getAddressWithRequest(const PlistValue&) {
     const ostrel::MutexLock lock(mutex_);
     return PlistValue::dictionaryOf({{"address", address_}});
@@ -61,8 +77,10 @@ class GoodHandler : public ostrel::PluginRequestHandler {
     static const ostrel::OperationTable table{
         {"countWithRequest:", &GoodHandler::countWithRequest},
         {"didReceiveNetworkChangedNotification:", &GoodHandler::didReceiveNetworkChangedNotification},
+        {"failWhenIdleWithRequest:", &GoodHandler::failWhenIdleWithRequest},
         {"failWithRequest:", &GoodHandler::failWithRequest},
         {"getAddressWithRequest:", &GoodHandler::getAddressWithRequest},
+        {"getCountsWithRequest:", &GoodHandler::getCountsWithRequest},
         {"getStateWithRequest:", &GoodHandler::getStateWithRequest},
         {"waitForFileWithRequest:", &GoodHandler::waitForFileWithRequest},
     };
