@@ -31,6 +31,39 @@ PlistValue dictionaryInFile(const PlistValue& path, PlistForm form) {
 
 bool hasUtf16Mark(std::string_view bytes) { return bytes.starts_with("\xFF\xFE") || bytes.starts_with("\xFE\xFF"); }
 
+using Words = std::string_view;
+
+// What can be wrong with a file: its status, the log line (program, operation, path) and the error (operation, path).
+struct Fault {
+  std::int32_t status;
+  FormatString<Words, Words, Words> line;
+  FormatString<Words, Words> error;
+};
+constexpr Fault notFound{kConfigStatusFileNotFound, "%s: %s File %s not found", "%@: File %@ not found"};
+constexpr Fault notReadable{kConfigStatusNoAccess, "%s: %s File %s is not readable", "%@: File %@ is not readable"};
+constexpr Fault notWriteable{kConfigStatusNoAccess, "%s: %s File %s is not writeable", "%@: File %@ is not writeable"};
+constexpr Fault invalidPlist{kConfigStatusInvalidPlist, "%s: %s File %s is not a valid plist",
+                             "%@: File %@ is not a valid plist"};
+// Meant: it says "read" for a failed write as well.
+constexpr Fault unknownError{kConfigStatusUnknownError, "%s: %s Couldn't read file %s - unknown error",
+                             "%@: Couldn't read file %@ - unknown error"};
+constexpr Fault invalidStrings{kConfigStatusUnknownError, "%s: %s File %s is not a valid strings file",
+                               "%@: File %@ is not a valid strings file"};
+
+const Fault& faultOf(const std::string& file, bool read, bool isPlist) {
+  if (!fileExists(file)) return notFound;
+  if (read && !mayRead(file)) return notReadable;
+  if (!read && !mayWrite(file)) return notWriteable;
+  return isPlist ? invalidPlist : unknownError;
+}
+
+// Logs a fault, and gives the text for the errors.
+std::string tell(const Fault& fault, int priority, Words method, const PlistValue& path) {
+  const std::string file = path.description();
+  SystemLog::current().write(priority, format<Words, Words, Words>(fault.line, processName(), method, file));
+  return format<Words, Words>(fault.error, method, file);
+}
+
 // A target that is to be completed, and its defaults.
 struct Pending {
   PlistValue target;
@@ -110,7 +143,7 @@ bool ConfigurationParser::readFile() {
   constexpr const char* method = "readFile";
   if (!fFile.isString()) {
     fReadStatus = kConfigStatusNoPath;
-    report(errorPriority, method, "File path not specified");
+    reportMissingPath(method);
     return false;
   }
   PlistValue read = dictionaryInFile(fFile, PlistForm::mutableContainers);
@@ -127,7 +160,7 @@ bool ConfigurationParser::writeFile() {
   constexpr const char* method = "writeFile";
   if (!fFile.isString()) {
     fWriteStatus = kConfigStatusNoPath;
-    report(errorPriority, method, "File path not specified");
+    reportMissingPath(method);
     return false;
   }
   if (save()) return true;
@@ -160,7 +193,7 @@ void ConfigurationParser::setTypesDictionaryFromStringsFile(const PlistValue& pa
   }
   PlistValue types = hasUtf16Mark(*bytes) ? readStringsFile(*bytes) : PlistValue();
   if (types.count() == 0)
-    report(warningPriority, method, format("File %@ is not a valid strings file", path));
+    addError(tell(invalidStrings, warningPriority, method, path));
   else
     fTypesDictionary.swap(types);
 }
@@ -205,23 +238,14 @@ void ConfigurationParser::addError(const PlistValue& text) {
 
 std::int32_t ConfigurationParser::findAndLogErrorForFile(const PlistValue& path, std::string_view method, bool read,
                                                          const PlistValue& fileType, int logType) {
-  const std::string file = pathOf(path);
-  const auto fault = [&]() -> std::pair<std::int32_t, std::string> {
-    if (!fileExists(file)) return {kConfigStatusFileNotFound, format("File %@ not found", path)};
-    if (read && !mayRead(file)) return {kConfigStatusNoAccess, format("File %@ is not readable", path)};
-    if (!read && !mayWrite(file)) return {kConfigStatusNoAccess, format("File %@ is not writeable", path)};
-    if (fileType == PlistValue(plistType))
-      return {kConfigStatusInvalidPlist, format("File %@ is not a valid plist", path)};
-    // Meant: it says "read" for a failed write as well.
-    return {kConfigStatusUnknownError, format("Couldn't read file %@ - unknown error", path)};
-  }();
-  report(logType, method, fault.second);
-  return fault.first;
+  const Fault& fault = faultOf(pathOf(path), read, fileType == PlistValue(plistType));
+  addError(tell(fault, logType, method, path));
+  return fault.status;
 }
 
-void ConfigurationParser::report(int priority, std::string_view method, std::string_view fault) {
-  SystemLog::current().write(priority, format("%s: %s %s", processName(), method, fault));
-  addError(format("%@: %@", method, fault));
+void ConfigurationParser::reportMissingPath(std::string_view method) {
+  logAt(LogLevel::error, "%s: %s File path not specified", processName(), method);
+  addError(format("%@: File path not specified", method));
 }
 
 }  // namespace ostrel

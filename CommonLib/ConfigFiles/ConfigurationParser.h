@@ -117,7 +117,7 @@ class OSTREL_EXPORT ConfigurationParser {
                                       const PlistValue& fileType, int logType);
 
  private:
-  void report(int priority, std::string_view method, std::string_view fault);
+  void reportMissingPath(std::string_view method);
   bool save();
 
   PlistValue fDictionary;

@@ -120,7 +120,8 @@ XinetdEdit xinetdWithEntry(std::string_view text, std::string_view service, std:
       edit.hasEntryAlready = true;
       return false;
     } else {
-      edit.text += format("\t%@\t%@ %@\n", key, line.second, value);
+      // The operator is kept whatever it is; a line without one gets one, or the value would be taken for it.
+      edit.text += format("\t%@\t%@ %@\n", key, line.second.empty() ? "=" : line.second, value);
       replaced = true;
     }
     return true;

@@ -16,12 +16,10 @@
 namespace ostrel {
 namespace {
 
-constexpr const char* servicesFolder = "/etc/xinetd.d/";
 constexpr const char* pidFile = "/var/run/xinetd.pid";
 constexpr const char* program = "/usr/sbin/xinetd";
 
 constexpr int errorPriority = static_cast<int>(LogLevel::error);
-constexpr int warningPriority = static_cast<int>(LogLevel::warning);
 constexpr int noticePriority = static_cast<int>(LogLevel::notice);
 constexpr int informationPriority = static_cast<int>(LogLevel::info);
 
@@ -52,7 +50,7 @@ struct XinetdUtilities::Plan {
 
 XinetdUtilities::XinetdUtilities(const PlistValue& serviceName, const PlistValue& logPrefix)
     : fServiceName(serviceName),
-      fFilePath(isFileName(serviceName) ? hostPath(servicesFolder) + std::string(serviceName.stringValue()) : ""),
+      fFilePath(isFileName(serviceName) ? hostPath(format("/etc/xinetd.d/%@", serviceName)) : ""),
       fPid(textOfFile(hostPath(pidFile))),
       fLogger(SysLogger::loggerWithPrefix(logPrefix.description())) {}
 
