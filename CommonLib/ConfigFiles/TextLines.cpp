@@ -1,11 +1,9 @@
-#include <fcntl.h>
-
 #include <algorithm>
 #include <cerrno>
 
 #include "ConfigFiles/Internal/TextLines.h"
 #include "Containers/Utf8.h"
-#include "Platform/FileDescriptor.h"
+#include "Platform/RegularFile.h"
 
 namespace ostrel::detail {
 namespace {
@@ -15,16 +13,8 @@ constexpr std::string_view blanks = " \t";
 }  // namespace
 
 std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit) {
-  // O_NONBLOCK: a named pipe without a writer must not hold the caller up.
-  const FileDescriptor file = openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
-  if (!file) return std::nullopt;
-  const auto status = descriptorStatus(file.get());
-  if (!status) return std::nullopt;
-  if (!status->isRegularFile()) {
-    errno = status->isDirectory() ? EISDIR : EINVAL;
-    return std::nullopt;
-  }
-  return readToEnd(file.get(), limit);
+  const FileDescriptor file = openRegularFile(path);
+  return file ? readToEnd(file.get(), limit) : std::nullopt;
 }
 
 std::optional<std::string> readConfigurationText(const std::string& path) {

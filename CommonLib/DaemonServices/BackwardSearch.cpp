@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "DaemonServices/Internal/CaseFoldSearch.h"
-#include "DaemonServices/Internal/RegularFile.h"
 #include "DaemonServices/Internal/SearchSteps.h"
+#include "Platform/RegularFile.h"
 
 namespace ostrel {
 namespace detail {
@@ -97,7 +97,7 @@ const char* strcasestr_internal(std::string_view text, std::string_view words) {
 
 char* rgrep(const std::string& path, const std::string_view* filters, std::size_t filterCount, std::uint64_t byteLimit,
             std::uint64_t lowerBound, unsigned timeLimitSeconds, std::uint64_t& fileSize) try {
-  const FileDescriptor file = detail::openRegularFile(path);
+  const FileDescriptor file = openRegularFile(path);
   const auto status = descriptorStatus(file.get());
   if (!status) return nullptr;
   fileSize = status->size;

@@ -10,9 +10,9 @@
 #include "Containers/ErrorCodes.h"
 #include "Containers/Format.h"
 #include "DaemonServices/BackwardSearch.h"
-#include "DaemonServices/Internal/RegularFile.h"
 #include "DaemonServices/Internal/SearchSteps.h"
 #include "Platform/FileDescriptor.h"
+#include "Platform/RegularFile.h"
 
 namespace ostrel {
 namespace {
@@ -48,7 +48,7 @@ PlistValue usableFilters(const PlistValue& filters) {
 const char* readPortion(const std::string& path, PlistValue& offset, PlistValue& amount, PlistValue& contents,
                         const char*& reached) {
   reached = errors::fileNotFound;
-  FileDescriptor file = detail::openRegularFile(path);
+  FileDescriptor file = openRegularFile(path);
   if (!file) return reached;
 
   reached = errors::cannotSeek;
@@ -75,7 +75,7 @@ const char* readPortion(const std::string& path, PlistValue& offset, PlistValue&
 
 const char* readFiltered(const std::string& path, PlistValue& offset, PlistValue& amount, PlistValue& contents,
                          const PlistValue& filters) {
-  const FileDescriptor file = detail::openRegularFile(path);
+  const FileDescriptor file = openRegularFile(path);
   if (!file) return errors::fileNotFound;
   const auto status = descriptorStatus(file.get());
   if (!status) return errors::cannotSeek;

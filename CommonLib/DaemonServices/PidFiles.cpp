@@ -5,9 +5,9 @@
 #include <utility>
 
 #include "Containers/LeadingInteger.h"
-#include "DaemonServices/Internal/RegularFile.h"
 #include "DaemonServices/ProcessControl.h"
 #include "Platform/HostRoot.h"
+#include "Platform/RegularFile.h"
 
 namespace ostrel {
 namespace {
@@ -18,12 +18,12 @@ constexpr std::size_t longestPath = 1023;
 constexpr std::size_t largestFile = 16 << 20;
 
 FileDescriptor openPidFile(std::string_view name) {
-  if (name.starts_with('/')) return detail::openRegularFile(std::string(name));
+  if (name.starts_with('/')) return openRegularFile(std::string(name));
   // Turned round, and meant so: a relative name is looked up only when it is too long to fit.
   if (name.size() + pidFolder.size() <= longestPath) return {};
   const std::string path = (std::string(pidFolder) + std::string(name)).substr(0, longestPath);
-  FileDescriptor file = detail::openRegularFile(hostPath(path));
-  return file ? std::move(file) : detail::openRegularFile(hostPath(path + std::string(pidExtension)));
+  FileDescriptor file = openRegularFile(hostPath(path));
+  return file ? std::move(file) : openRegularFile(hostPath(path + std::string(pidExtension)));
 }
 
 }  // namespace

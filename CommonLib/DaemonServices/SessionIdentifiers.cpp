@@ -15,12 +15,12 @@
 #include "Containers/LeadingInteger.h"
 #include "Containers/PropertyList.h"
 #include "Containers/Utf8.h"
-#include "DaemonServices/Internal/RegularFile.h"
 #include "Platform/Clock.h"
 #include "Platform/Files.h"
 #include "Platform/HostRoot.h"
 #include "Platform/NameResolver.h"
 #include "Platform/RandomDevice.h"
+#include "Platform/RegularFile.h"
 #include "Platform/SystemLog.h"
 #include "Platform/UserDatabase.h"
 #include "PluginFramework/BundleManager.h"
@@ -123,13 +123,13 @@ bool logSaveFailure(const std::string& path, int reason) {
   return false;
 }
 
-std::optional<std::string> bytesOfFile(const std::string& path, detail::FinalLink link) {
-  const FileDescriptor file = detail::openRegularFile(path, link);
+std::optional<std::string> bytesOfFile(const std::string& path, FinalLink link) {
+  const FileDescriptor file = openRegularFile(path, link);
   return file ? readToEnd(file.get(), largestFile) : std::nullopt;
 }
 
 /// The text of a regular file, or null.
-PlistValue textOfFile(const std::string& path, detail::FinalLink link) {
+PlistValue textOfFile(const std::string& path, FinalLink link) {
   const auto bytes = bytesOfFile(path, link);
   return bytes ? PlistValue::stringFromUTF8(*bytes) : PlistValue();
 }
@@ -171,7 +171,7 @@ bool revoke_session_id(const PlistValue& identifier, const PlistValue& extension
 
 PlistValue restore_session_id(const PlistValue& identifier, const PlistValue& extension) {
   const auto path = proxiedSessionPath(identifier, extension);
-  return path ? textOfFile(*path, detail::FinalLink::refused) : PlistValue();
+  return path ? textOfFile(*path, FinalLink::refused) : PlistValue();
 }
 
 bool is_same_host(const PlistValue& hostA, const PlistValue& hostB, bool resolve) try {
@@ -206,12 +206,12 @@ bool check_if_ports_are_restricted(const PlistValue& ports, PlistValue* restrict
 }
 
 PlistValue get_service_config() {
-  const auto bytes = bytesOfFile(hostPath(preferencesFile), detail::FinalLink::followed);
+  const auto bytes = bytesOfFile(hostPath(preferencesFile), FinalLink::followed);
   return bytes ? readPropertyList(*bytes).get("ServiceConfig") : PlistValue();
 }
 
 int pid_from_file(const std::string& path) {
-  const PlistValue text = textOfFile(path, detail::FinalLink::followed);
+  const PlistValue text = textOfFile(path, FinalLink::followed);
   if (text.isNull()) return -1;
   const auto number = leadingInteger(text.stringValue());
   if (number && std::in_range<int>(*number)) return static_cast<int>(*number);
