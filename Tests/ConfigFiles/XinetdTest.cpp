@@ -204,7 +204,7 @@ TEST_F(Xinetd, ConvertsArguments) {
 TEST_F(Xinetd, SignalsOnlyOneProcess) {
   struct Signals final : ProcessSignals {
     bool send(const ProcessIdentity& process, int signal) override {
-      sent.emplace_back(process.pid, signal);
+      sent.emplace_back(process.id, signal);
       return true;
     }
     std::vector<std::pair<pid_t, int>> sent;
