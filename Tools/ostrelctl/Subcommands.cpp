@@ -1,5 +1,6 @@
 #include "ostrelctl/Subcommands.h"
 
+#include "ostrelctl/ConfigCommand.h"
 #include "ostrelctl/ModulesCommand.h"
 #include "ostrelctl/StatusCommand.h"
 
@@ -9,6 +10,7 @@ namespace {
 constexpr SubcommandEntry table[] = {
     {"status", "Show how the daemon fares", makeStatusCommand},
     {"modules", "List the daemon's modules", makeModulesCommand},
+    {"config", "Read and change configuration files of this machine, without the daemon", makeConfigCommand},
 };
 
 }  // namespace

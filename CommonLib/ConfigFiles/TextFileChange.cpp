@@ -1,0 +1,61 @@
+#include "ConfigFiles/TextFileChange.h"
+
+#include <stdio.h>
+
+#include <utility>
+
+#include "ConfigFiles/Internal/CompactCopy.h"
+#include "ConfigFiles/TextFileErrors.h"
+#include "Platform/FileDescriptor.h"
+
+namespace ostrel {
+
+void EditableText::Close::operator()(std::FILE* stream) const noexcept { static_cast<void>(std::fclose(stream)); }
+
+std::optional<EditableText> EditableText::open(std::string_view text) {
+  FileDescriptor file = makeMemoryFile("ostrel-text");
+  if (!file || !writeFully(file.get(), text)) return std::nullopt;
+  EditableText made;
+  made.stream_.reset(fdopen(file.get(), "r+"));
+  if (!made.stream_) return std::nullopt;
+  static_cast<void>(file.release());
+  return made;
+}
+
+std::optional<std::string> EditableText::text() const {
+  const int descriptor = fileno(stream_.get());
+  if (std::fflush(stream_.get()) != 0) return std::nullopt;
+  const auto status = descriptorStatus(descriptor);
+  if (!status) return std::nullopt;
+  // Without moving the descriptor's position, of which the stream keeps its own idea.
+  std::string bytes(static_cast<std::size_t>(status->size), '\0');
+  if (readAt(descriptor, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) return std::nullopt;
+  return bytes;
+}
+
+std::optional<std::string> EditableText::compactText() const {
+  const auto copy = open("");
+  if (!copy || detail::copyLines(stream_.get(), copy->stream(), true) != 0) return std::nullopt;
+  return copy->text();
+}
+
+std::optional<FileChange> changeOfTextFile(const std::string& path, const std::function<std::int32_t(std::FILE*)>& edit,
+                                           std::int32_t& code) {
+  auto oldText = readWholeFile(path);
+  code = kTextFileOpenErr;
+  if (!oldText) return std::nullopt;
+  code = kTextFileNoMemoryErr;
+  const auto copy = EditableText::open(*oldText);
+  if (!copy) return std::nullopt;
+  code = edit(copy->stream());
+  if (code != 0) return std::nullopt;
+  auto newText = copy->text();
+  if (newText && *newText != *oldText) newText = copy->compactText();
+  if (!newText) {
+    code = kTextFileNoMemoryErr;
+    return std::nullopt;
+  }
+  return FileChange(path, std::move(*oldText), std::move(*newText));
+}
+
+}  // namespace ostrel
