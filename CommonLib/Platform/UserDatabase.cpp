@@ -2,9 +2,14 @@
 
 #include <grp.h>
 #include <pwd.h>
+#include <shadow.h>
+#include <string.h>
 
 #include <algorithm>
 #include <cerrno>
+
+#include "Platform/Clock.h"
+#include "Platform/Mutex.h"
 
 namespace ostrel {
 namespace {
@@ -42,6 +47,37 @@ GroupEntry groupFrom(const group& record) {
   return entry;
 }
 
+// Walks over an enumeration of the name service, whose position belongs to the whole process.
+template <class Entry, class Record>
+std::vector<Entry> enumerate(void (*start)(), int (*next)(Record*, char*, std::size_t, Record**), void (*end)(),
+                             Entry (*convert)(const Record&)) {
+  static Mutex enumeration;
+  const MutexLock lock(enumeration);
+  std::vector<Entry> entries;
+  std::vector<char> buffer(4096);
+  start();
+  for (;;) {
+    Record record{};
+    Record* found = nullptr;
+    const int error = next(&record, buffer.data(), buffer.size(), &found);
+    if (error == 0 && found != nullptr) {
+      entries.push_back(convert(*found));
+    } else if (error == ERANGE && buffer.size() < largestRecord) {
+      buffer.resize(buffer.size() * 2);
+    } else if (error != EINTR) {
+      break;
+    }
+  }
+  end();
+  return entries;
+}
+
+bool hasExpired(const spwd& account) {
+  constexpr double secondsOfDay = 86400;
+  return account.sp_expire > 0 &&
+         Clock::current().now().secondsSince1970 >= static_cast<double>(account.sp_expire) * secondsOfDay;
+}
+
 bool isName(const std::string& name) { return !name.empty() && name.find('\0') == std::string::npos; }
 
 class HostUserDatabase final : public UserDatabase {
@@ -69,6 +105,23 @@ class HostUserDatabase final : public UserDatabase {
       if (groups.size() > mostGroups) return {};
       groups.resize(std::max(groups.size() * 2, static_cast<std::size_t>(std::clamp(count, 0, mostGroups + 1))));
     }
+  }
+
+  std::vector<UserEntry> allUsers() override { return enumerate(setpwent, getpwent_r, endpwent, userFrom); }
+  std::vector<GroupEntry> allGroups() override { return enumerate(setgrent, getgrent_r, endgrent, groupFrom); }
+
+  std::optional<std::string> passwordHashOf(const std::string& name) override {
+    constexpr std::size_t room = 4096;
+    if (!isName(name)) return std::nullopt;
+    std::vector<char> buffer(room);
+    spwd record{};
+    spwd* found = nullptr;
+    std::optional<std::string> hash;
+    if (getspnam_r(name.c_str(), &record, buffer.data(), buffer.size(), &found) == 0 && found != nullptr &&
+        !hasExpired(record))
+      hash = textOf(record.sp_pwdp);
+    explicit_bzero(buffer.data(), buffer.size());
+    return hash;
   }
 };
 

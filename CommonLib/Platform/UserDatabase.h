@@ -41,6 +41,13 @@ class OSTREL_EXPORT UserDatabase {
   virtual std::optional<GroupEntry> groupWithId(gid_t gid) = 0;
   /// The ids of all groups of a user, the primary one included; empty when there is no such user.
   virtual std::vector<gid_t> groupsOfUser(const std::string& name) = 0;
+  /// Every user, every group that the name service enumerates, in its order. Some services look up and do not
+  /// enumerate. One thread at a time: the others wait.
+  virtual std::vector<UserEntry> allUsers() { return {}; }
+  virtual std::vector<GroupEntry> allGroups() { return {}; }
+  /// The hash of a user's password (crypt(5)) from the shadow database. Absent when there is none, when the account has
+  /// expired, and when this process may not read it.
+  virtual std::optional<std::string> passwordHashOf(const std::string&) { return std::nullopt; }
 
   /// Whether the user's primary or one of the supplementary groups is the group. False when either is not found.
   bool isMember(const std::string& user, const std::string& group);
