@@ -5,81 +5,22 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 
 #include "Containers/PropertyList.h"
-#include "Platform/HostRoot.h"
-#include "PluginFramework/BundleManager.h"
+#include "ContextHost.h"
 
 namespace {
 
 using ostrel::BundleManager;
 using ostrel::PlistValue;
-
-/// A host root below the temporary folder, which should be on the kind of disk that is asked about.
-class HostFolder {
- public:
-  HostFolder() : path_(std::filesystem::temp_directory_path() / "ostrel-benchmark-XXXXXX"), root_(make(path_)) {}
-  ~HostFolder() { std::filesystem::remove_all(path_); }
-  HostFolder(const HostFolder&) = delete;
-  HostFolder& operator=(const HostFolder&) = delete;
-  std::string file(const char* name) const { return path_ + "/private/var/ostreld/" + name; }
-
- private:
-  static const char* make(std::string& path) {
-    if (mkdtemp(path.data()) == nullptr) std::abort();
-    std::filesystem::create_directories(path + "/private/var/ostreld");
-    return path.c_str();
-  }
-  std::string path_;
-  ostrel::ScopedHostRoot root_;
-};
-
-void check(bool done) {
-  if (!done) {
-    std::perror("benchmark");
-    std::abort();
-  }
-}
+using namespace ostrel::benchmarks;
 
 /// A context of about so many bytes: a number that changes, and a history.
 PlistValue sampleContext(std::size_t size) {
   PlistValue context = PlistValue::mutableDictionaryOf({{"count", 0}, {"contextDirty", true}});
   context.set("history", PlistValue(ostrel::PlistData{std::string(size, '\x5A')}));
   return context;
-}
-
-/// Runs both by turns, so that what else the machine does meets both, and shows their times and the ratio.
-template <class Peer, class Ours>
-void compare(benchmark::State& state, int turns, Peer peer, Ours ours) {
-  using Clock = std::chrono::steady_clock;
-  std::chrono::duration<double, std::micro> peerTime{};
-  std::chrono::duration<double, std::micro> ourTime{};
-  for (auto _ : state) {
-    const auto start = Clock::now();
-    for (int i = 0; i < turns; ++i) peer();
-    const auto between = Clock::now();
-    for (int i = 0; i < turns; ++i) ours();
-    ourTime += Clock::now() - between;
-    peerTime += between - start;
-  }
-  const auto calls = static_cast<double>(state.iterations()) * turns;
-  state.counters["peer_us"] = peerTime.count() / calls;
-  state.counters["ours_us"] = ourTime.count() / calls;
-  state.counters["ratio"] = ourTime / peerTime;
-}
-
-void roundTrip(BundleManager& manager, const auto& work) {
-  int descriptor = -1;
-  bool timedOut = false;
-  PlistValue context = manager.getAndLockContext("bench", &descriptor, &timedOut);
-  check(!timedOut);
-  work(context);
-  manager.setAndUnlockContext(context, "bench", &descriptor);
 }
 
 int openLocked(const std::string& path) {

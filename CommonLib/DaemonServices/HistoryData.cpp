@@ -157,7 +157,7 @@ std::vector<Column> columnsFor(const PlistValue& keyFilter, std::uint32_t values
   const std::string_view filter = keyFilter.stringValue();
   std::vector<Column> columns;
   for (std::uint32_t i = 1; i <= valuesPerSample; ++i) {
-    const std::string key = "v" + std::to_string(i);
+    const std::string key = format("v%u", i);
     if (keyFilter.isNull() || filter.find(key) != std::string_view::npos) columns.push_back({i, key});
   }
   return columns;

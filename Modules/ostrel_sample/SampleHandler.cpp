@@ -6,7 +6,9 @@
 #include <string>
 
 #include "Containers/ErrorCodes.h"
+#include "DaemonServices/HistoryData.h"
 #include "Heartbeat.h"
+#include "LoadSampler.h"
 #include "Network/InterfaceInfo.h"
 #include "Platform/Files.h"
 #include "Platform/HostRoot.h"
@@ -22,6 +24,7 @@ constexpr const char* serviceStarted = "serviceStarted";
 constexpr const char* settings = "settings";
 
 constexpr std::size_t mostSettings = 100;
+constexpr double usualPeriod = 3600;  // seconds
 
 struct Log {
   const char* identifier;
@@ -104,6 +107,27 @@ class SampleHandler : public PluginRequestHandler {
     return paths;
   }
 
+  /// Takes a sample of how busy the machine is. The host calls this now and then, and writes the context back.
+  int doIdleAtCount(int /*count*/) override {
+    if (const char* code = do_update_history_data(sampler_.take(), context()))
+      logNotice("[%d] ostrel_sample: no sample was taken: %s", processId(), code);
+    return 0;
+  }
+
+  /// {"samples": those of the last "period" seconds (an hour if it is not given), newest first, "values": what their
+  /// keys mean}; with a text "filter" only the values whose keys occur in it.
+  PlistValue getHistoryWithRequest(const PlistValue& request) {
+    PlistValue period = request.get("period");
+    const PlistValue filter = request.get("filter");
+    if (period.isNull()) period = usualPeriod;
+    if (!period.isNumber() || (!filter.isNull() && !filter.isString()))
+      return responseForError(errors::invalidArgument);
+    PlistValue samples;
+    if (const char* code = do_get_history_data(filter, period, samples, context())) return responseForError(code);
+    if (samples.isNull()) samples = PlistValue::arrayOf({});  // none was taken yet
+    return PlistValue::dictionaryOf({{"samples", samples}, {"values", LoadSampler::descriptions()}});
+  }
+
   /// {"interfaces": descriptions}; with "resolve" true their names are looked up.
   PlistValue getInterfacesWithRequest(const PlistValue& request) {
     return PlistValue::dictionaryOf({{"interfaces", get_interfaces_info(request.get("resolve").boolValue())}});
@@ -144,10 +168,13 @@ class SampleHandler : public PluginRequestHandler {
     return {static_cast<pid_t>(kept.get(servicePid).int64Value()), kept.get(serviceStarted).uint64Value()};
   }
 
+  LoadSampler sampler_;
+
   static const OperationTable& operations() {
     static const OperationTable table{
         {"getStateWithRequest:", &SampleHandler::getStateWithRequest},
         {"getLogPathsWithRequest:", &SampleHandler::getLogPathsWithRequest},
+        {"getHistoryWithRequest:", &SampleHandler::getHistoryWithRequest},
         {"getInterfacesWithRequest:", &SampleHandler::getInterfacesWithRequest},
         {"echoWithRequest:", &SampleHandler::echoWithRequest},
         {"setSettingWithRequest:", &SampleHandler::setSettingWithRequest},

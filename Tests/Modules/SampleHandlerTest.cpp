@@ -12,6 +12,7 @@
 #include "Platform/FileDescriptor.h"
 #include "Platform/HostRoot.h"
 #include "PluginFramework/BundleManager.h"
+#include "PluginFramework/PluginRequestHandler.h"
 #include "Support/TemporaryFolder.h"
 
 namespace ostrel {
@@ -124,6 +125,41 @@ TEST_F(SampleHandlerTest, KeepsSettings) {
   for (int i = 1; i < 100; ++i) EXPECT_NE(setting("s" + std::to_string(i), i), invalid);
   EXPECT_EQ(setting("one too many", 1), invalid);
   EXPECT_NE(setting("nested", 1), invalid);
+}
+
+TEST_F(SampleHandlerTest, TakesAHistoryOfTheMachineWhenIdle) {
+  const auto history = [this](const PlistValue& period, const PlistValue& filter) {
+    PlistValue request = PlistValue::mutableDictionaryOf({{"command", "getHistory"}});
+    request.set("period", period);
+    request.set("filter", filter);
+    return send(request);
+  };
+  const auto idle = [this] {
+    int descriptor = -1;
+    bool timedOut = false;
+    const PlistValue context = host_->getAndLockContext("ostrel_sample", &descriptor, &timedOut);
+    const char* const arguments[] = {"", "idle", "0", nullptr};
+    EXPECT_EQ(host_->getPrincipalClass("ostrel_sample")->doProcessArgsWithArgc(3, arguments, context, &descriptor), 0);
+    host_->setAndUnlockContext(context, "ostrel_sample", &descriptor);
+  };
+  EXPECT_EQ(history(nullptr, nullptr).get("samples"), PlistValue::arrayOf({}));
+  idle();
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));  // three of the processors' clock ticks
+  idle();
+  restart();
+  const PlistValue answer = history(nullptr, nullptr);
+  ASSERT_EQ(answer.get("samples").count(), 2U) << "kept on the disk";
+  EXPECT_EQ(answer.get("values").count(), 3U);
+  const PlistValue newest = answer.get("samples").at(0);
+  EXPECT_LE(newest.get("v1").uint64Value(), 1000U);
+  EXPECT_TRUE(newest.contains("v1") && newest.contains("v2"));
+  EXPECT_FALSE(answer.get("samples").at(1).contains("v1")) << "a share needs two readings";
+  EXPECT_GT(newest.get("v3").uint64Value(), 1U << 20);
+  EXPECT_EQ(history(3'600, "v3").get("samples").at(0).count(), 2U);
+  EXPECT_EQ(history(-1, nullptr).get("samples").count(), 0U);
+  const PlistValue invalid = PlistValue::dictionaryOf({{"error", "INVALID_ARG_ERR"}});
+  EXPECT_EQ(history("hour", nullptr), invalid);
+  EXPECT_EQ(history(60, 1), invalid);
 }
 
 TEST_F(SampleHandlerTest, TailsOnlyTheLogsThatItNames) {

@@ -16,6 +16,7 @@
 
 #include "Platform/Files.h"
 #include "Platform/HeapStatistics.h"
+#include "Platform/HostMemory.h"
 #include "Platform/HostRoot.h"
 #include "Platform/InterfaceAddresses.h"
 #include "Platform/NameResolver.h"
@@ -209,6 +210,20 @@ TEST(HeapStatistics, GrowsWithWhatIsAllocated) {
   EXPECT_GE(after.bytesInUse, before.bytesInUse + large.size() + 1'000'000);
   EXPECT_GE(after.largestSize, after.bytesInUse);
   EXPECT_EQ(after.blocksInUse, before.blocksInUse + 1) << "the one block that has a mapping of its own";
+}
+
+TEST(HostMemory, ReadsTheKernelsTableAndNothingElse) {
+  const std::string whole = "MemTotal:       2048 kB\nMemFree: 5 kB\nMemAvailable:   1024 kB\n";
+  const auto memory = parseHostMemory(whole);
+  ASSERT_TRUE(memory);
+  EXPECT_EQ(memory->total, 2'097'152U);
+  EXPECT_EQ(memory->available, 1'048'576U);
+  for (const std::string text :
+       {"", "MemTotal: 1 kB", "MemTotal: 1 kB\nMemAvailable: 2 kB\n", "MemTotal: x kB\nMemAvailable: 0 kB\n",
+        "MemTotal: -1 kB\nMemAvailable: -1 kB\n", "MemTotal: 1\nMemAvailable: 1\n",
+        "MemTotal2: 9 kB\nMemAvailable: 1 kB\n", "MemTotal: 99999999999999999999 kB\nMemAvailable: 1 kB\n"})
+    EXPECT_FALSE(parseHostMemory(text)) << text;
+  EXPECT_GT(hostMemory().value().total, 1U << 24);
 }
 
 }  // namespace

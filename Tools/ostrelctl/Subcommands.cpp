@@ -1,6 +1,7 @@
 #include "ostrelctl/Subcommands.h"
 
 #include "ostrelctl/ConfigCommand.h"
+#include "ostrelctl/HistoryCommand.h"
 #include "ostrelctl/ModulesCommand.h"
 #include "ostrelctl/StatusCommand.h"
 
@@ -11,6 +12,7 @@ constexpr SubcommandEntry table[] = {
     {"status", "Show how the daemon fares", makeStatusCommand},
     {"modules", "List the daemon's modules", makeModulesCommand},
     {"config", "Read and change configuration files of this machine, without the daemon", makeConfigCommand},
+    {"history", "Draw the samples that a module has taken", makeHistoryCommand},
 };
 
 }  // namespace
