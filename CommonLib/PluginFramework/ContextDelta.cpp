@@ -6,7 +6,8 @@
 namespace ostrel::detail {
 namespace {
 
-constexpr std::size_t block = 4096;   // compared at once
+constexpr std::size_t largeBlock = 4096;  // compared at once, and where it differs in small ones
+constexpr std::size_t smallBlock = 64;
 constexpr std::size_t nearness = 64;  // what lies closer together is written together
 
 /// Gathers what differs, from left to right.
@@ -15,14 +16,23 @@ class DifferenceFinder {
   explicit DifferenceFinder(Delta& delta) : delta_(delta) {}
 
   void compare(std::string_view left, std::string_view right, std::size_t at, bool isPayload) {
-    for (std::size_t from = 0; from < left.size(); from += block) {
-      const std::size_t size = std::min(block, left.size() - from);
-      if (std::memcmp(left.data() + from, right.data() + from, size) != 0)
-        compareBytes(left.substr(from, size), right.substr(from, size), at + from, isPayload);
-    }
+    eachThatDiffers(left, right, at, largeBlock, [&](std::string_view a, std::string_view b, std::size_t within) {
+      eachThatDiffers(a, b, within, smallBlock, [&](std::string_view c, std::string_view d, std::size_t place) {
+        compareBytes(c, d, place, isPayload);
+      });
+    });
   }
 
  private:
+  static void eachThatDiffers(std::string_view left, std::string_view right, std::size_t at, std::size_t block,
+                              const auto& work) {
+    for (std::size_t from = 0; from < left.size(); from += block) {
+      const std::size_t size = std::min(block, left.size() - from);
+      if (std::memcmp(left.data() + from, right.data() + from, size) != 0)
+        work(left.substr(from, size), right.substr(from, size), at + from);
+    }
+  }
+
   void compareBytes(std::string_view left, std::string_view right, std::size_t at, bool isPayload) {
     delta_.onlyPayloads = delta_.onlyPayloads && isPayload;
     for (std::size_t i = 0; i < left.size(); ++i)
