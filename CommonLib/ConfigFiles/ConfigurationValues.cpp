@@ -102,7 +102,7 @@ std::string textFromArray(const SettingType& type, const PlistValue& array) {
 PlistValue ConfigurationParser::objectForKey(const PlistValue& name, const PlistValue& text) const {
   if (!text.isString()) return {};
   const PlistValue description = name.isString() ? fTypesDictionary.get(name.stringValue()) : PlistValue();
-  const PlistValue trimmed(detail::trimBlanks(text.stringValue()));
+  PlistValue trimmed(detail::trimBlanks(text.stringValue()));
   if (!description.isString()) return trimmed;
   const SettingType type(description.stringValue());
   if (type.isArray()) return arrayFromText(type, trimmed.stringValue());

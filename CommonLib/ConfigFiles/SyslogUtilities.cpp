@@ -149,7 +149,7 @@ PlistValue SyslogUtilities::actionsForFacility(std::int32_t facility, std::int32
 }
 
 bool SyslogUtilities::setLevel(std::int32_t level, std::int32_t facility, const PlistValue& action) {
-  if (!action.isString()) return removeActionsForFacility(facility);
+  if (action.isNull()) return removeActionsForFacility(facility);
   readIfNeeded();
   const PlistValue levelName = stringForSyslogLevel(level);
   const PlistValue facilityName = stringForSyslogFacility(facility);

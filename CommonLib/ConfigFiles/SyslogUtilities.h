@@ -59,7 +59,7 @@ class OSTREL_EXPORT _Selector {
 /// action. It is read when first needed; changes are made in memory, and `recycle` writes them.
 ///
 /// Facilities are numbers as in the table above, 1016 ("*") for all; "mark" shares the place of "*". Names and actions
-/// are string values; another kind counts as absent. An unreadable file, one that is not UTF-8 or larger than 4 MiB
+/// are string values; a name of another kind is unknown. An unreadable file, one that is not UTF-8 or larger than 4 MiB
 /// counts as empty, and is never overwritten. Levels with "=" or "!" are unknown, and what is unknown is passed over.
 ///
 /// Meant: selectors that were read are never solitary. They are neither changed nor removed; `setLevel` adds a line of
@@ -92,8 +92,8 @@ class OSTREL_EXPORT SyslogUtilities {
 
   /// `setLevel:forFacility:action:` Makes the facility's own line for `action` say `level`; adds the line at the end
   /// when there is none. Null for `action` is `removeActionsForFacility`. True when something changed. False when all
-  /// was so already, and when level or facility has no name or the action is empty, does not fit one line or is not
-  /// ASCII.
+  /// was so already, and when level or facility has no name or the action is no text, is empty, does not fit one line
+  /// or is not ASCII.
   bool setLevel(std::int32_t level, std::int32_t facility, const PlistValue& action);
   /// `setLevelName:forFacilityName:action:`
   bool setLevelName(const PlistValue& levelName, const PlistValue& facilityName, const PlistValue& action);

@@ -29,9 +29,11 @@ bool isFileName(const PlistValue& name) {
          text.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
 }
 
-bool isOneWord(const PlistValue& key) {
+// Whether a line can begin with the key and be read back as its entry.
+bool isEntryKey(const PlistValue& key) {
   const std::string_view text = key.stringValue();
-  return detail::fitsOneLine(key) && !text.empty() && text.find_first_of(" \t") == std::string_view::npos;
+  return detail::fitsOneLine(key) && !text.empty() && text.find_first_of(" \t") == std::string_view::npos &&
+         std::string_view("#{}").find(text.front()) == std::string_view::npos;
 }
 
 PlistValue textOfFile(const std::string& path) {
@@ -69,7 +71,7 @@ bool XinetdUtilities::getValueForKey(const PlistValue& key, PlistValue* value) c
 
 std::optional<XinetdUtilities::Plan> XinetdUtilities::planEntry(const PlistValue& key,
                                                                 const PlistValue& newValue) const {
-  if (!isOneWord(key) || !detail::fitsOneLine(newValue)) return std::nullopt;
+  if (!isEntryKey(key) || !detail::fitsOneLine(newValue)) return std::nullopt;
   const auto text = detail::readConfigurationText(fFilePath);
   if (!text) return std::nullopt;
   detail::XinetdEdit edit =
@@ -78,7 +80,7 @@ std::optional<XinetdUtilities::Plan> XinetdUtilities::planEntry(const PlistValue
 }
 
 std::optional<XinetdUtilities::Plan> XinetdUtilities::planRemoval(const PlistValue& key) const {
-  if (!isOneWord(key)) return std::nullopt;
+  if (!isEntryKey(key)) return std::nullopt;
   const auto text = detail::readConfigurationText(fFilePath);
   if (!text) return std::nullopt;
   detail::XinetdEdit edit = detail::xinetdWithoutEntry(*text, fServiceName.stringValue(), key.stringValue());

@@ -51,7 +51,8 @@ class OSTREL_EXPORT XinetdUtilities {
   /// Meant: after an entry was added, the rest of the file counts as this block, other services included.
   ///
   /// False, with the file left alone, when `key` or `newValue` is absent or does not fit one line, when `key` is not
-  /// one word, when the file cannot be read or replaced. Owner, group and mode are kept, links are followed.
+  /// one word or begins with "#" or a brace, when the file cannot be read or replaced. Owner, group and mode are kept,
+  /// links are followed.
   bool setOrAddEntryForKey(const PlistValue& key, const PlistValue& newValue);
   /// `removeEntryForKey:` Removes the entries for `key` from the service's block; otherwise as above. Meant: when there
   /// is none in that block, the rest of the file counts as this block.

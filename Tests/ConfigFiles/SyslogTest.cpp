@@ -142,7 +142,7 @@ TEST_F(Syslog, AddsAndChangesLinesOfItsOwn) {
   EXPECT_EQ(readFile(path_), before) << "nothing is written before recycle";
   EXPECT_NE(utilities.change()->unifiedDiff().find("+mail.err"), std::string::npos);
 
-  for (const PlistValue& action : {PlistValue(""), PlistValue("/x\n*.* /y"), PlistValue("/\xC3\xA9")})
+  for (const PlistValue& action : {PlistValue(""), PlistValue(5), PlistValue("/x\n*.* /y"), PlistValue("/\xC3\xA9")})
     EXPECT_FALSE(utilities.setLevel(3, 16, action)) << action.description();
   EXPECT_FALSE(utilities.setLevel(9, 16, "/x"));
   EXPECT_FALSE(utilities.setLevel(3, 208, "/x"));

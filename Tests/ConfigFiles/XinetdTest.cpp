@@ -138,8 +138,8 @@ TEST_F(Xinetd, NeverWritesWhatItCannotReadOrTell) {
     EXPECT_FALSE(editor.setOrAddEntryForKey("port", wrong)) << wrong.description();
     EXPECT_FALSE(editor.removeEntryForKey(wrong)) << wrong.description();
   }
-  EXPECT_FALSE(editor.setOrAddEntryForKey("", "1"));
-  EXPECT_FALSE(editor.setOrAddEntryForKey("two words", "1"));
+  for (const char* noKey : {"", "two words", "}", "{x", "#port"})
+    EXPECT_FALSE(editor.setOrAddEntryForKey(noKey, "1")) << noKey;
   PlistValue value = "before";
   EXPECT_FALSE(editor.getValueForKey({}, &value));
   EXPECT_FALSE(editor.getValueForKey("port", nullptr));
