@@ -74,6 +74,7 @@ void* PlistArena::allocateElsewhere(std::size_t bytes, std::uint16_t& slabOffset
   }
   close();
   const std::size_t size = std::clamp(expected_, std::size_t{512}, slabSize);
+  if (expected_ < slabSize) expected_ *= 2;  // the guess was too low
   const std::size_t fits = std::max(size & ~(grain - 1), grain + ((bytes + grain - 1) & ~(grain - 1)));
   slab_ = static_cast<char*>(detail::allocate(fits));
   new (slab_) Slab{filling};

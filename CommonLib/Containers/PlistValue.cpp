@@ -294,54 +294,6 @@ bool PlistValue::clear() {
 
 // Copies.
 
-namespace {
-
-enum class Leaves { shared, copied };
-
-PlistValue copyLeaf(const PlistValue& value) {
-  if (value.isString()) return {value.stringValue()};
-  if (value.isData()) return PlistData{value.dataBytes()};
-  return value;
-}
-
-/// Puts off what is too deep, as comparisons do.
-class DeepCopy {
- public:
-  explicit DeepCopy(Leaves leaves) noexcept : leaves_(leaves) {}
-
-  PlistValue of(const PlistValue& value) {
-    PlistValue root = copy(value, 0);
-    while (!putOff_.empty()) {
-      auto [source, made] = std::move(putOff_.back());
-      putOff_.pop_back();
-      copyMembers(*source, made, 0);
-    }
-    return root;
-  }
-
- private:
-  PlistValue copy(const PlistValue& value, std::size_t depth) {
-    if (!value.isDictionary() && !value.isArray()) return leaves_ == Leaves::shared ? value : copyLeaf(value);
-    PlistValue made = value.isArray() ? PlistValue::mutableArray() : PlistValue::mutableDictionary();
-    if (depth < maximumPlistDepth) {
-      copyMembers(value, made, depth + 1);
-    } else {
-      putOff_.emplace_back(&value, made);
-    }
-    return made;
-  }
-
-  void copyMembers(const PlistValue& source, PlistValue& made, std::size_t depth) {
-    for (const PlistEntry& entry : source.entries()) made.set(entry.keyText(), copy(entry.value, depth));
-    for (const PlistValue& element : source.elements()) made.append(copy(element, depth));
-  }
-
-  Leaves leaves_;
-  std::vector<std::pair<const PlistValue*, PlistValue>> putOff_;
-};
-
-}  // namespace
-
 PlistValue PlistValue::mutableCopy() const {
   const std::size_t members = count();
   if (const auto* source = PlistStorage::array(*this)) {
@@ -367,8 +319,5 @@ PlistValue PlistValue::immutableCopy() const {
   copy.node()->isMutable = false;
   return copy;
 }
-
-PlistValue PlistValue::deepMutableCopy() const { return DeepCopy(Leaves::copied).of(*this); }
-PlistValue PlistValue::deepMutableStructureCopy() const { return DeepCopy(Leaves::shared).of(*this); }
 
 }  // namespace ostrel

@@ -178,6 +178,9 @@ class PlistStorage {
     return adopt(node, isData ? PlistValue::Tag::data : PlistValue::Tag::string);
   }
 
+  /// A tree of new mutable containers.
+  static PlistValue deepCopy(const PlistValue& value, bool sharesLeaves);
+
   static constexpr std::size_t inlineCapacity = PlistValue::inlineCapacity;
 
   /// What finds a key in any dictionary. Requires: `key` is a string.
@@ -195,6 +198,7 @@ class PlistStorage {
 
  private:
   friend class ostrel::PlistValue;
+  class DeepCopy;
 
   static PlistValue adopt(Node* node, PlistValue::Tag tag) noexcept {
     PlistValue value;
