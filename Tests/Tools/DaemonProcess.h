@@ -100,7 +100,7 @@ class DaemonProcess {
   DaemonProcess& operator=(const DaemonProcess&) = delete;
 
   std::vector<std::string> commandLine(const std::vector<std::string>& options = {}) const {
-    std::vector<std::string> command{OSTRELD_PROGRAM, "--root", root()};
+    std::vector<std::string> command{program_, "--root", root()};
     if (transport_ == Transport::tls) {
       command.insert(command.end(), {"--bind", host()});
     } else {
@@ -112,6 +112,10 @@ class DaemonProcess {
 
   /// Starts it from now on by way of this command, which the daemon's own follows.
   void startThrough(std::vector<std::string> command) { launcher_ = std::move(command); }
+  void useProgram(std::string program) { program_ = std::move(program); }
+  /// Where a daemon listens that was started again by itself.
+  void lookWhereItListens() { std::istringstream(readFile(endpointFile())) >> endpointHost_ >> port_; }
+  bool saysWhereItListens() const { return std::filesystem::exists(endpointFile()); }
   /// Starts the daemon; whether it says where it listens.
   bool start(std::vector<std::string> options = {}, const std::vector<std::string>& environment = {}) {
     std::filesystem::remove(endpointFile());
@@ -121,7 +125,7 @@ class DaemonProcess {
     child_ = std::make_unique<ChildProcess>(command, root() + "/output", logFile(), environment);
     const bool listens = eventually([this] { return std::filesystem::exists(endpointFile()) || child_->hasEnded(); }) &&
                          std::filesystem::exists(endpointFile());
-    if (listens) std::istringstream(readFile(endpointFile())) >> endpointHost_ >> port_;
+    if (listens) lookWhereItListens();
     return listens;
   }
   /// A clean stop; the exit status.
@@ -182,6 +186,7 @@ class DaemonProcess {
   void stopService() { child_.reset(); }
 
   const Transport transport_;
+  std::string program_ = OSTRELD_PROGRAM;
   TemporaryFolder folder_;
   std::vector<std::string> launcher_;
   std::unique_ptr<ChildProcess> child_;

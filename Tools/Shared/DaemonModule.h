@@ -1,4 +1,4 @@
-// The commands that the daemon itself answers, under a module name that no bundle can take.
+// The commands that the daemon itself answers, under a module name of its own (docs/wire-protocol.md).
 #pragma once
 
 #include "Containers/PlistValue.h"
@@ -8,6 +8,7 @@ namespace ostrel::daemonModule {
 inline constexpr const char* name = "ostreld";
 
 inline constexpr const char* getStatus = "getStatus";
+inline constexpr const char* batch = "batch";
 
 inline PlistValue request(const char* command) { return PlistValue::dictionaryOf({{"command", command}}); }
 

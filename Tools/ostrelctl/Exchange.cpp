@@ -11,6 +11,7 @@
 #include "Platform/HostRoot.h"
 #include "ostrelctl/Connection.h"
 #include "ostrelctl/JsonForm.h"
+#include "ostrelctl/Progress.h"
 #include "ostrelctl/TextForm.h"
 
 namespace ostrel {
@@ -19,6 +20,7 @@ namespace {
 /// The whole exchange runs in blocking calls, several attempts of it: only a signal ends it from outside.
 void endAfter(double seconds) {
   signal(SIGALRM, [](int) {
+    Progress::clearFromSignal();
     static constexpr char reason[] = "ostrelctl: no reply in time (--timeout)\n";
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, reason, sizeof reason - 1);
     _exit(noReply);
@@ -59,7 +61,9 @@ std::optional<Answer> Exchange::send(const std::string& module, const PlistValue
     return refuse(wrongUsage, "the host, port or module cannot be part of a URL");
   }
   endAfter(options_.timeout);
+  std::optional<Progress> progress(std::in_place, module);
   const PlistValue body = session_->sendSyncRequest(request, {}, rawPayload);
+  progress.reset();
   endAfter(0);
   if (session_->failureReason()) return refuse(noReply, *session_->failureReason());
   if (session_->status() != 1) return refuse(noReply, "the exchange was not completed");

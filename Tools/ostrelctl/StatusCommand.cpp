@@ -64,6 +64,14 @@ PlistValue statusPage(const PlistValue& status) {
            format("ostreld %s, process %lld", status.get("version").stringValue(), status.get("pid").int64Value()));
   page.set("up", format("%s, since %s", durationText(status.get("uptimeSeconds").doubleValue()),
                         dateText(status.get("startDate").dateValue())));
+  const PlistValue interval = status.get("idleIntervalSeconds");
+  page.set("idle passes", interval.doubleValue() > 0
+                              ? format("%lld, one every %s", status.get("idlePasses").int64Value(),
+                                       durationText(interval.doubleValue()))
+                              : std::string("none"));
+  const PlistValue connections = status.get("connections");
+  page.set("connections",
+           format("%lld of %lld", connections.get("open").int64Value(), connections.get("limit").int64Value()));
   page.set("modules", status.get("modules"));
   if (status.get("modulesNotLoaded").count() > 0) page.set("not loaded", notLoaded(status.get("modulesNotLoaded")));
   page.set("running requests", runningRequests(status.get("outstandingRequests")));

@@ -1,5 +1,6 @@
 #include "ostrelctl/Subcommands.h"
 
+#include "ostrelctl/BatchCommand.h"
 #include "ostrelctl/ConfigCommand.h"
 #include "ostrelctl/HistoryCommand.h"
 #include "ostrelctl/ModulesCommand.h"
@@ -9,6 +10,7 @@ namespace ostrel {
 namespace {
 
 constexpr SubcommandEntry table[] = {
+    {"batch", "Run several commands side by side", makeBatchCommand},
     {"status", "Show how the daemon fares", makeStatusCommand},
     {"modules", "List the daemon's modules", makeModulesCommand},
     {"config", "Read and change configuration files of this machine, without the daemon", makeConfigCommand},

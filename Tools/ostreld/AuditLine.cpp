@@ -1,7 +1,9 @@
 #include "ostreld/AuditLine.h"
 
+#include "Containers/ErrorCodes.h"
 #include "Containers/Format.h"
 #include "Platform/SystemLog.h"
+#include "PluginFramework/Envelope.h"
 
 namespace ostrel {
 namespace {
@@ -24,6 +26,12 @@ std::string quoted(std::string_view text) {
 }
 
 }  // namespace
+
+std::string outcomeOf(const PlistValue& response) {
+  if (response.isNull()) return format("error %s", errors::unexpectedCommand);
+  const PlistValue error = get_str_value_for_key(response, "error");
+  return error.isNull() ? "ok" : format("error %s", error.stringValue());
+}
 
 std::string auditLine(const AuditRecord& record) {
   const double milliseconds = std::chrono::duration<double, std::milli>(record.duration).count();

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "Containers/PlistValue.h"
+
 namespace ostrel {
 
 /// What happened. Nothing of a request goes in here but its module and its command's name: never an argument.
@@ -16,6 +18,9 @@ struct AuditRecord {
   std::string outcome;  ///< "ok", "error CODE" or "refused REASON"
   std::chrono::nanoseconds duration{};
 };
+
+/// "ok", or "error CODE" for a response that holds an error, or for none.
+std::string outcomeOf(const PlistValue& response);
 
 /// audit user="admin" from="127.0.0.1:50312" module="ostrel_sample" command="getState" outcome="ok" ms=1.204
 ///

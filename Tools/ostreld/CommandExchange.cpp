@@ -137,7 +137,7 @@ Reply CommandExchange::answer() {
 /// What the host throws means that it cannot run the module: the caller is told so, and the log why.
 PlistValue CommandExchange::runCommand(const PlistValue& request) {
   try {
-    return rules_.run(request, record_.module, caller_.user);
+    return rules_.run(request, record_.module, {caller_.user, record_.from});
   } catch (const std::exception& error) {
     logAt(LogLevel::error, "[%d] ostreld cannot run module %s: %s", processId(), record_.module, error.what());
     return PlistValue::dictionaryOf({{"error", errors::cannotRunBundle}});
@@ -150,8 +150,7 @@ Reply CommandExchange::documentOf(const PlistValue& response) {
   // A control character from a log must not cost the caller the whole reply.
   if (convert_response_dict_to_data(response, document) ||
       (!response.isNull() && convert_response_dict_to_data(withXmlText(response), document))) {
-    const PlistValue error = get_str_value_for_key(response, "error");
-    record_.outcome = error.isNull() ? "ok" : format("error %s", error.stringValue());
+    record_.outcome = outcomeOf(response);
   } else {
     record_.outcome =
         format("error %s", response.isNull() ? errors::unexpectedCommand : errors::cannotCreateXmlResponse);

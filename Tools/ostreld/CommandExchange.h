@@ -17,10 +17,16 @@
 
 namespace ostrel {
 
+/// Who sent a command.
+struct CommandOrigin {
+  std::string user;
+  std::string from;  ///< peer address and port
+};
+
 /// Runs a command and answers its response dictionary (null is answered as an error document). Called on any thread,
 /// several at once.
 using CommandRunner =
-    std::function<PlistValue(const PlistValue& request, const std::string& module, const std::string& user)>;
+    std::function<PlistValue(const PlistValue& request, const std::string& module, const CommandOrigin& origin)>;
 
 /// What every exchange of a server shares. Immutable while the server runs.
 struct ExchangeRules {

@@ -62,6 +62,7 @@ class ConnectionTable {
   /// Shuts down those that have not sent a whole request.
   void cutReceiving();
   std::size_t count() const;
+  const ConnectionLimits& limits() const { return limits_; }
 
  private:
   void enterPhase(Connection* connection, Phase phase);

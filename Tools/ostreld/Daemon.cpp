@@ -28,8 +28,10 @@
 #include "ostreld/CommandServer.h"
 #include "ostreld/ConsoleLog.h"
 #include "ostreld/DaemonCommands.h"
+#include "ostreld/IdlePasses.h"
 #include "ostreld/RunningFiles.h"
 #include "ostreld/ServiceNotice.h"
+#include "ostreld/ServiceWatchdog.h"
 
 namespace ostrel {
 namespace {
@@ -42,6 +44,10 @@ constexpr milliseconds tick{100};
 constexpr milliseconds stopGrace{1000};
 
 constexpr rlim_t descriptorsOfOurOwn = 32;
+
+// A wait for a context or a batch ends the process at its limit. One that is this far beyond it shows that even that
+// failed, and the service manager's watchdog has to step in.
+constexpr std::chrono::seconds overrunThatIsNotWell{30};
 
 int failToStart(const std::string& fault) {
   std::fprintf(stderr, "ostreld: %s\n", fault.c_str());
@@ -74,13 +80,14 @@ class StopSignals {
 
 /// Raises the limit on open files as far as allowed. Each connection takes a descriptor and the command that it runs at
 /// least one more: without them connections could be neither served nor refused, so there are fewer if need be.
-void fitIntoDescriptorLimit(ConnectionLimits& connections) {
+void fitIntoDescriptorLimit(ConnectionLimits& connections, BatchLimits& batches) {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
   limit.rlim_cur = limit.rlim_max;
   setrlimit(RLIMIT_NOFILE, &limit);
   const rlim_t room = limit.rlim_max - std::min(limit.rlim_max, descriptorsOfOurOwn);
   const auto possible = static_cast<std::size_t>(std::max<rlim_t>(room / 2, 1));
+  batches.atOnce = std::min(batches.atOnce, possible);
   if (connections.total <= possible) return;
   logAt(LogLevel::warning, "[%d] %d connections at once instead of %d: the limit on open files is %d", processId(),
         possible, connections.total, limit.rlim_max);
@@ -126,32 +133,47 @@ void announce(const DaemonOptions& options, const CommandServer& server, const s
   }
 }
 
-void serve(CommandServer& server, const StopSignals& signals) {
-  while (!signals.arrivedWithin(tick)) server.connections().cutOverdue();
+/// What has to be done all the time, while serving and while stopping.
+class Housekeeping {
+ public:
+  Housekeeping(CommandServer& server, const BundleManager& modules) : server_(server), modules_(modules) {}
+  void tick() {
+    server_.connections().cutOverdue();
+    watchdog_.tick(modules_.longestOverrun() < overrunThatIsNotWell);
+  }
+
+ private:
+  CommandServer& server_;
+  const BundleManager& modules_;
+  ServiceWatchdog watchdog_;
+};
+
+void serve(Housekeeping& housekeeping, const StopSignals& signals) {
+  while (!signals.arrivedWithin(tick)) housekeeping.tick();
 }
 
 enum class Drained { all, notInTime, toldNotToWait };
 
 /// Waits until no connection is left, the time is up or a second signal comes.
-Drained drain(CommandServer& server, const StopSignals& signals, milliseconds limit) {
+Drained drain(CommandServer& server, Housekeeping& housekeeping, const StopSignals& signals, milliseconds limit) {
   const auto end = steady_clock::now() + limit;
   while (server.connections().count() > 0) {
     if (steady_clock::now() >= end) return Drained::notInTime;
     if (signals.arrivedWithin(milliseconds(10))) return Drained::toldNotToWait;
-    server.connections().cutOverdue();
+    housekeeping.tick();
   }
   return Drained::all;
 }
 
 /// Running requests finish and their replies go out. True when all did.
-bool stop(CommandServer& server, const StopSignals& signals, milliseconds limit) {
+bool stop(CommandServer& server, Housekeeping& housekeeping, const StopSignals& signals, milliseconds limit) {
   notifyServiceManager("STOPPING=1");
   logNotice("[%d] stopping: %d open connections", processId(), server.connections().count());
   server.stopListening();
-  const Drained politely = drain(server, signals, std::min(stopGrace, limit));
+  const Drained politely = drain(server, housekeeping, signals, std::min(stopGrace, limit));
   if (politely != Drained::notInTime) return politely == Drained::all;
   server.connections().cutReceiving();
-  return drain(server, signals, limit) == Drained::all;
+  return drain(server, housekeeping, signals, limit) == Drained::all;
 }
 
 }  // namespace
@@ -180,24 +202,35 @@ int runDaemon(const DaemonOptions& options) {
   }
 
   BundleManager& modules = BundleManager::defaultManager();
-  DaemonCommands commands(modules);
+  modules.setCrashOnHangTimeout(options.crashOnHang);
+  ConnectionLimits connections = options.connections;
+  BatchLimits batches = options.batches;
+  fitIntoDescriptorLimit(connections, batches);
+  IdlePasses idle(modules, options.idleInterval);
+  DaemonCommands commands(modules, idle, batches);
   ExchangeRules rules{Authenticator({*session}),
-                      [&commands](const PlistValue& request, const std::string& module, const std::string& user) {
-                        return commands.run(request, module, user);
+                      [&commands](const PlistValue& request, const std::string& module, const CommandOrigin& origin) {
+                        return commands.run(request, module, origin);
                       },
                       options.maximumHead, options.maximumBody};
-  ConnectionLimits connections = options.connections;
-  fitIntoDescriptorLimit(connections);
   auto server = CommandServer::start({options.address, tls, connections}, std::move(rules), fault);
   if (!server) return failToStart(fault);
+  commands.watchConnections(server->connections());
   if (!files->publish(*session, server->address(), fault)) return failToStart(fault);
   announce(options, *server, tls, modules);
   notifyServiceManager("READY=1");
   if (background) background->ready();
 
-  serve(*server, signals);
+  Housekeeping housekeeping(*server, modules);
+  serve(housekeeping, signals);
 
-  if (!stop(*server, signals, options.stopTime)) {
+  const auto stopBegan = steady_clock::now();
+  idle.stop(milliseconds::zero());  // no pass begins any more
+  const auto timeLeft = [&] {
+    const auto left = options.stopTime - std::chrono::duration_cast<milliseconds>(steady_clock::now() - stopBegan);
+    return std::max(left, milliseconds::zero());
+  };
+  if (!stop(*server, housekeeping, signals, options.stopTime) || !idle.stop(timeLeft())) {
     logAt(LogLevel::error, "[%d] stopped with %d requests unfinished", processId(), server->connections().count());
     files.reset();
     std::fflush(nullptr);

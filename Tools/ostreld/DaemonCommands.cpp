@@ -8,9 +8,14 @@
 #include "Platform/SystemLog.h"
 #include "PluginFramework/BundleManager.h"
 #include "Shared/DaemonModule.h"
+#include "ostreld/AuditLine.h"
+#include "ostreld/ConnectionTable.h"
+#include "ostreld/IdlePasses.h"
 
 namespace ostrel {
 namespace {
+
+PlistValue errorResponse(const char* code) { return PlistValue::dictionaryOf({{"error", code}}); }
 
 PlistValue namesOf(const BundleManager& modules) {
   PlistValue names = PlistValue::mutableArray();
@@ -30,7 +35,7 @@ PlistValue failuresOf(const BundleManager& modules) {
 PlistValue outstandingRequests(const BundleManager& modules) {
   const PlistDate now = Clock::current().now();
   PlistValue requests = PlistValue::mutableArray();
-  const PlistValue markers = modules.CopyOutstandingRequests();
+  const PlistValue markers = modules.outstandingRequestsWithoutArguments();
   for (const PlistValue& marker : markers.elements()) {
     const double age = now.secondsSince1970 - marker.get("Timestamp").dateValue().secondsSince1970;
     requests.append(PlistValue::dictionaryOf(
@@ -39,27 +44,89 @@ PlistValue outstandingRequests(const BundleManager& modules) {
   return requests;
 }
 
+PlistValue countsOf(const ConnectionTable* connections) {
+  if (connections == nullptr) return PlistValue::dictionaryOf({});
+  return PlistValue::dictionaryOf({{"open", connections->count()},
+                                   {"limit", connections->limits().total},
+                                   {"limitPerPeer", connections->limits().perPeer}});
+}
+
+double seconds(std::chrono::nanoseconds duration) { return std::chrono::duration<double>(duration).count(); }
+
 }  // namespace
 
-DaemonCommands::DaemonCommands(BundleManager& modules)
-    : modules_(modules), startDate_(Clock::current().now()), started_(Clock::current().monotonic()) {}
+/// Places for the commands of one batch, taken for the life of this object.
+class DaemonCommands::BatchPlaces {
+ public:
+  BatchPlaces(DaemonCommands& commands, std::size_t wanted) : commands_(commands) {
+    const MutexLock lock(commands_.mutex_);
+    if (wanted > commands_.limits_.atOnce - std::min(commands_.limits_.atOnce, commands_.runningInBatches_)) return;
+    commands_.runningInBatches_ += wanted;
+    taken_ = wanted;
+    areTaken_ = true;
+  }
+  ~BatchPlaces() {
+    const MutexLock lock(commands_.mutex_);
+    commands_.runningInBatches_ -= taken_;
+  }
+  BatchPlaces(const BatchPlaces&) = delete;
+  BatchPlaces& operator=(const BatchPlaces&) = delete;
+  explicit operator bool() const { return areTaken_; }
 
-PlistValue DaemonCommands::run(const PlistValue& request, const std::string& module, const std::string& user) {
-  if (module != daemonModule::name) return modules_.doCommand(request, module, user);
+ private:
+  DaemonCommands& commands_;
+  std::size_t taken_ = 0;
+  bool areTaken_ = false;
+};
+
+DaemonCommands::DaemonCommands(BundleManager& modules, const IdlePasses& idle, const BatchLimits& limits)
+    : modules_(modules),
+      idle_(idle),
+      limits_(limits),
+      startDate_(Clock::current().now()),
+      started_(Clock::current().monotonic()) {}
+
+PlistValue DaemonCommands::run(const PlistValue& request, const std::string& module, const CommandOrigin& origin) {
+  if (module != daemonModule::name) return modules_.doCommand(request, module, origin.user);
   const PlistValue command = request.get("command");
   if (command == PlistValue(daemonModule::getStatus)) return status();
-  return PlistValue::dictionaryOf({{"error", errors::unexpectedCommand}});
+  if (command == PlistValue(daemonModule::batch)) return batch(request, origin);
+  return errorResponse(errors::unexpectedCommand);
 }
 
 PlistValue DaemonCommands::status() const {
-  const auto uptime = std::chrono::duration<double>(Clock::current().monotonic() - started_).count();
   return PlistValue::dictionaryOf({{"version", OSTREL_VERSION},
                                    {"pid", processId()},
                                    {"startDate", startDate_},
-                                   {"uptimeSeconds", uptime},
+                                   {"uptimeSeconds", seconds(Clock::current().monotonic() - started_)},
+                                   {"idlePasses", idle_.passes()},
+                                   {"idleIntervalSeconds", seconds(idle_.interval())},
                                    {"modules", namesOf(modules_)},
                                    {"modulesNotLoaded", failuresOf(modules_)},
-                                   {"outstandingRequests", outstandingRequests(modules_)}});
+                                   {"outstandingRequests", outstandingRequests(modules_)},
+                                   {"connections", countsOf(connections_)}});
+}
+
+/// Checked as a whole before anything runs: nobody wants half of a batch, and a member that the host stumbles over
+/// would leave the others running without an answer.
+bool DaemonCommands::isRunnable(const PlistValue& requests) const {
+  return requests.isArray() && requests.count() <= limits_.perBatch &&
+         std::ranges::all_of(requests.elements(), [](const PlistValue& member) {
+           return member.get("name").isString() && member.get("request").get("command").isString();
+         });
+}
+
+PlistValue DaemonCommands::batch(const PlistValue& request, const CommandOrigin& origin) {
+  const PlistValue requests = request.get("requestsArray");
+  if (!isRunnable(requests)) return errorResponse(errors::invalidArgument);
+  const BatchPlaces places(*this, requests.count());
+  if (!places) return errorResponse(errors::cannotRunBundle);
+  return modules_.doBatchCommand(
+      request, origin.user,
+      [&origin](const BundleManager::BatchItem& item, const PlistValue& response, std::chrono::nanoseconds duration) {
+        writeAudit({origin.user, origin.from, std::string(item.module.stringValue()),
+                    std::string(item.request.get("command").stringValue()), outcomeOf(response), duration});
+      });
 }
 
 }  // namespace ostrel

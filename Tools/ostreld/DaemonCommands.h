@@ -1,32 +1,55 @@
 // Commands that the daemon answers itself, and the way to the modules for all others.
 #pragma once
 
+#include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <string>
 
 #include "Containers/PlistValue.h"
+#include "Platform/Mutex.h"
+#include "ostreld/CommandExchange.h"
 
 namespace ostrel {
 
 class BundleManager;
+class ConnectionTable;
+class IdlePasses;
 
-/// The reserved module "ostreld" (docs/wire-protocol.md): "getStatus".
+/// A command of a batch takes a thread and open files: nobody may ask for any number of them.
+struct BatchLimits {
+  std::size_t perBatch = 64;
+  std::size_t atOnce = 256;  ///< commands of all batches that run
+};
+
+/// The reserved module "ostreld" (docs/wire-protocol.md): "getStatus" and "batch".
 ///
-/// Threads: `run` may be called on any thread, several at once.
+/// Threads: every operation may be called from any thread.
 class DaemonCommands {
  public:
-  /// `modules` is borrowed. The daemon's uptime counts from here.
-  explicit DaemonCommands(BundleManager& modules);
+  /// Both are borrowed. The daemon's uptime counts from here.
+  DaemonCommands(BundleManager& modules, const IdlePasses& idle, const BatchLimits& limits);
+
+  /// The status tells of these connections from now on. Borrowed.
+  void watchConnections(const ConnectionTable& connections) { connections_ = &connections; }
 
   /// A CommandRunner. Throws what the host throws.
-  PlistValue run(const PlistValue& request, const std::string& module, const std::string& user);
+  PlistValue run(const PlistValue& request, const std::string& module, const CommandOrigin& origin);
 
  private:
+  class BatchPlaces;
   PlistValue status() const;
+  PlistValue batch(const PlistValue& request, const CommandOrigin& origin);
+  bool isRunnable(const PlistValue& requests) const;
 
   BundleManager& modules_;
+  const IdlePasses& idle_;
+  const BatchLimits limits_;
   const PlistDate startDate_;
   const std::chrono::nanoseconds started_;
+  std::atomic<const ConnectionTable*> connections_ = nullptr;
+  Mutex mutex_;
+  std::size_t runningInBatches_ OSTREL_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace ostrel

@@ -41,6 +41,7 @@ std::optional<DaemonOptions> readOptions(int argc, const char* const* argv, int&
   double requestSeconds = 30;
   double replySeconds = 60;
   double stopSeconds = 60;
+  double idleSeconds = 60;
 
   CLI::App app(description, "ostreld");
   app.footer(signals);
@@ -65,6 +66,11 @@ std::optional<DaemonOptions> readOptions(int argc, const char* const* argv, int&
   key->needs(certificate);
   app.add_flag("--foreground", options.foreground, "Stay attached, and write the log to standard error as well");
 
+  app.add_option("--idle-interval", idleSeconds, "Seconds between the idle passes over all modules; 0: none")
+      ->check(numberRange(0, 86'400));
+  app.add_flag("--crash-on-hang", options.crashOnHang,
+               "When a module hangs, end by a crash, for its core file, instead of with status 1");
+
   const auto limits = [](CLI::Option* option) { return option->group("Limits, which stand before authentication"); };
   limits(app.add_option("--max-connections", options.connections.total, "Open connections in all"))
       ->check(CLI::Range(1, 100'000));
@@ -79,6 +85,9 @@ std::optional<DaemonOptions> readOptions(int argc, const char* const* argv, int&
       ->check(numberRange(0.1, 86'400));
   limits(app.add_option("--reply-time", replySeconds, "Seconds to take a whole reply"))
       ->check(numberRange(0.1, 86'400));
+  app.add_option("--max-batch", options.batches.perBatch, "Commands in one batch")->check(CLI::Range(1, 10'000));
+  app.add_option("--max-batch-commands", options.batches.atOnce, "Commands of all batches that run at once")
+      ->check(CLI::Range(1, 10'000));
   app.add_option("--stop-time", stopSeconds, "Seconds that running requests have to finish when the daemon stops")
       ->check(numberRange(0, 86'400));
 
@@ -98,6 +107,7 @@ std::optional<DaemonOptions> readOptions(int argc, const char* const* argv, int&
   options.connections.requestTime = milliseconds(requestSeconds);
   options.connections.replyTime = milliseconds(replySeconds);
   options.stopTime = milliseconds(stopSeconds);
+  options.idleInterval = milliseconds(idleSeconds);
   return options;
 }
 

@@ -9,6 +9,7 @@
 
 #include "Platform/SocketAddress.h"
 #include "ostreld/ConnectionTable.h"
+#include "ostreld/DaemonCommands.h"
 
 namespace ostrel {
 
@@ -22,6 +23,9 @@ struct DaemonOptions {
   ConnectionLimits connections;
   std::size_t maximumHead = 16 * 1024;         ///< bytes of request line and headers
   std::size_t maximumBody = 16 * 1024 * 1024;  ///< bytes
+  BatchLimits batches;
+  std::chrono::milliseconds idleInterval{std::chrono::minutes(1)};  ///< 0: no idle passes
+  bool crashOnHang = false;
   std::chrono::milliseconds stopTime{std::chrono::minutes(1)};
 };
 
