@@ -73,8 +73,9 @@ void choosePrefix(Scale& scale, const std::string& unit, double largest) {
     scale.divisor *= base;
     ++power;
   }
-  scale.unit = power > 0 && isBytes ? (power == 1 ? std::string("Ki") : std::string(prefixes[power]) + "i") + unit
-                                    : prefixes[power] + unit;
+  scale.unit = prefixes[power];
+  if (power > 0 && isBytes) scale.unit = power == 1 ? "Ki" : format("%si", prefixes[power]);
+  scale.unit += unit;
 }
 
 /// 1, 2 or 5 times a power of ten, not less than `least`.
@@ -211,12 +212,14 @@ std::string timeAxis(std::size_t columns, const ChartFrame& frame) {
   return axis;
 }
 
+std::string unitInBrackets(const std::string& unit) { return unit.empty() ? std::string() : format(" (%s)", unit); }
+
 std::string headline(const HistorySeries& series, const Scale& scale) {
   const auto value = [](const HistorySeries::Point& point) { return point.value; };
   const auto [least, most] = std::ranges::minmax(series.points, {}, value);
   Scale fine = scale;
   fine.decimals = std::min(scale.decimals + 1, 6);
-  return format("%s%s: %s now, %s to %s\n", series.name, scale.unit.empty() ? "" : " (" + scale.unit + ")",
+  return format("%s%s: %s now, %s to %s\n", series.name, unitInBrackets(scale.unit),
                 fine.text(series.points.back().value), fine.text(least.value), fine.text(most.value));
 }
 
@@ -294,7 +297,10 @@ ChartFrame frameFor(const std::vector<HistorySeries>& series, double period, dou
 
 std::string historyCharts(const std::vector<HistorySeries>& series, const ChartFrame& frame) {
   std::string text;
-  for (const HistorySeries& each : series) text += (text.empty() ? "" : "\n") + chartOf(each, frame);
+  for (const HistorySeries& each : series) {
+    if (!text.empty()) text += '\n';
+    text += chartOf(each, frame);
+  }
   return text;
 }
 
@@ -303,7 +309,7 @@ std::string historyTable(const std::vector<HistorySeries>& series) {
   std::map<double, std::vector<std::string>> lines;
   for (std::size_t i = 0; i < series.size(); ++i) {
     const HistorySeries& each = series[i];
-    text += "# " + each.key + ": " + each.name + (each.unit.empty() ? "" : " (" + each.unit + ")") + "\n";
+    text += format("# %s: %s%s\n", each.key, each.name, unitInBrackets(each.unit));
     for (const HistorySeries::Point& point : each.points) {
       std::vector<std::string>& line = lines[point.time];
       line.resize(series.size(), "-");
@@ -311,10 +317,10 @@ std::string historyTable(const std::vector<HistorySeries>& series) {
     }
   }
   text += "time";
-  for (const HistorySeries& each : series) text += "\t" + each.key;
+  for (const HistorySeries& each : series) text += format("\t%s", each.key);
   for (const auto& [time, cells] : lines) {
-    text += "\n" + dateText(PlistDate{time});
-    for (const std::string& cell : cells) text += "\t" + cell;
+    text += format("\n%s", dateText(PlistDate{time}));
+    for (const std::string& cell : cells) text += format("\t%s", cell);
   }
   return text + "\n";
 }
