@@ -22,7 +22,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   bool isThere = false;
   while (!after.empty()) {
     const std::string_view made = fuzz::takeLine(after);
-    const bool isAdded = before.empty() && after.empty();
+    // A last line of blanks without an end is no line.
+    const bool isAdded = before.find_first_not_of(" \t") == std::string_view::npos && after.empty();
     std::string_view kept = fuzz::takeLine(before);
     kept.remove_prefix(std::min(kept.find_first_not_of(" \t"), kept.size()));
     kept = kept.substr(0, kept.find_last_not_of(" \t") + 1);

@@ -208,7 +208,7 @@ bool SyslogUtilities::removeActionsForFacilityName(const PlistValue& facilityNam
 
 std::string SyslogUtilities::joinedLines() const {
   std::string text;
-  for (const PlistValue& line : _lines) text.append(text.empty() ? "" : "\n").append(line.stringValue());
+  for (const PlistValue& line : _lines) text.append(&line == &_lines.front() ? "" : "\n").append(line.stringValue());
   return text.ends_with('\n') ? text : text + '\n';
 }
 

@@ -122,12 +122,12 @@ TEST_F(Syslog, ReadsSelectors) {
 TEST_F(Syslog, AddsAndChangesLinesOfItsOwn) {
   NoProcesses nobody;
   const ScopedOverride<ProcessTable> processes(nobody);
-  const std::string before = "mail.info\t/var/log/mail\n\n# end\n\n\n";
+  const std::string before = "\n\nmail.info\t/var/log/mail\n\n# end\n\n\n";
   Utilities utilities = reading(before);
   const auto text = [&] { return utilities.change()->newText(); };
 
   EXPECT_TRUE(utilities.setLevelName("DEBUG", "mail", "/var/log/own"));
-  EXPECT_EQ(text(), "mail.info\t/var/log/mail\n\n# end\nmail.*\t\t\t\t\t\t\t/var/log/own\n");
+  EXPECT_EQ(text(), "\n\nmail.info\t/var/log/mail\n\n# end\nmail.*\t\t\t\t\t\t\t/var/log/own\n");
   EXPECT_EQ(log_.lines().back(), "new syslog line:\nmail.*\t\t\t\t\t\t\t/var/log/own\n");
   EXPECT_EQ(utilities.levelForFacility(16), 7) << "our line decides";
   EXPECT_FALSE(utilities.setLevelName("debug", "mail", "/var/log/own"));
@@ -136,7 +136,7 @@ TEST_F(Syslog, AddsAndChangesLinesOfItsOwn) {
   EXPECT_TRUE(utilities.setLevelName("none", "remoteauth", "@host"));
   EXPECT_TRUE(utilities.setLevelName("info", "*", "/var/log/all"));
   const std::string made =
-      "mail.info\t/var/log/mail\n\n# end\nmail.err\t\t\t\t\t\t/var/log/own\n"
+      "\n\nmail.info\t/var/log/mail\n\n# end\nmail.err\t\t\t\t\t\t/var/log/own\n"
       "remoteauth.none\t\t\t\t\t\t@host\n*.info\t\t\t\t\t\t\t/var/log/all\n";
   EXPECT_EQ(text(), made);
   EXPECT_EQ(readFile(path_), before) << "nothing is written before recycle";
@@ -155,7 +155,7 @@ TEST_F(Syslog, AddsAndChangesLinesOfItsOwn) {
   EXPECT_EQ(utilities.levelForFacility(16), -1) << "what was read is forgotten, too";
   EXPECT_FALSE(utilities.removeActionsForFacility(16));
   EXPECT_TRUE(utilities.setLevel(0, 1016, {})) << "no action removes";
-  EXPECT_EQ(text(), "mail.info\t/var/log/mail\n\n# end\nremoteauth.none\t\t\t\t\t\t@host\n");
+  EXPECT_EQ(text(), "\n\nmail.info\t/var/log/mail\n\n# end\nremoteauth.none\t\t\t\t\t\t@host\n");
 
   Utilities again{PlistValue(path_)};
   EXPECT_TRUE(again.setLevelName("err", "mail", "/var/log/own")) << "a line that was read is nobody's own";
