@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Containers/ErrorCodes.h"
+#include "Containers/Format.h"
 #include "Support/Fakes.h"
 
 namespace ostrel {
@@ -206,7 +207,7 @@ TEST_F(HistoryData, ADamagedHistoryIsRefusedUnchanged) {
     PlistValue samples;
     EXPECT_STREQ(do_get_history_data(nullptr, 1e12, samples, context), errors::cannotGetHistory) << what;
     EXPECT_EQ(samples, PlistValue::arrayOf({})) << what;
-    const std::string start = "[" + std::to_string(processId()) + "] exception in do_";
+    const std::string start = format("[%d] exception in do_", processId());
     const auto lines = log.lines();
     ASSERT_GE(lines.size(), 2U);
     EXPECT_TRUE(lines[lines.size() - 2].starts_with(start + "update_named_history_data(history): the history")) << what;
