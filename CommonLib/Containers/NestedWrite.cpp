@@ -36,12 +36,16 @@ bool marks(const PlistValue& update, std::string_view marker) noexcept {
 bool putObject(const PlistValue& array, const PlistValue& value, std::string_view key) {
   if (!array.isArray() || !array.isMutable() || !isMutableDictionary(value) || key.data() == nullptr) return false;
   // Value and key may live in the element that is removed.
-  PlistValue taken = value;
+  const PlistValue taken = value;
   const PlistValue id = key;
   writable(array).removeObjectForKey(id.stringValue());
-  const PlistValue* known = elementKey(taken);
-  if (known == nullptr || *known != id) taken.set("_id_", id);
-  return writable(array).append(std::move(taken));
+  return appendObject(array, taken, id);
+}
+
+bool appendObject(const PlistValue& array, PlistValue value, const PlistValue& id) {
+  const PlistValue* known = elementKey(value);
+  if (known == nullptr || *known != id) value.set("_id_", id);
+  return writable(array).append(std::move(value));
 }
 
 bool store(const PlistValue& parent, const LastComponent& last, const PlistValue& value, const ContainerSet* sources) {
@@ -121,7 +125,7 @@ void Merge::setOne(const PlistValue& root, const PlistValue& value, std::string_
 
 void Merge::mergeOne(const PlistValue& existing, const PlistValue& value) {
   result_ = existing.isMutable() && existing.kind() == value.kind();
-  if (!result_) return;
+  if (!result_ || existing.isIdentical(value)) return;
   if (value.isDictionary()) return pushEntries(existing, value, false);
   result_ = existing.count() == 0 || existing.isArrayOfDictionaries();
   if (result_) frames_.push_back({existing, {}, value.elements(), true, false});
@@ -149,7 +153,7 @@ bool Merge::create(const PlistValue& array, const PlistValue& update, std::strin
   if (sources_.holds(array)) return false;
   PlistValue made = update.mutableCopy();
   made.remove("_newid_");
-  return putObject(array, made, key);
+  return appendObject(array, std::move(made), key);
 }
 
 bool Merge::remove(const PlistValue& array, std::string_view key) const {

@@ -110,12 +110,18 @@ class SelectiveCopy {
     const PlistValue* existing = detail::findObject(into.container, key);
     if (existing == nullptr) {
       const PlistValue made = value.isArray() ? PlistValue::mutableArray() : PlistValue::mutableDictionary();
-      PlistValue container = into.container;
-      if (!container.setObject(made, key)) return std::nullopt;
+      if (!hang(made, into.container, key)) return std::nullopt;
       return Target{made, into.isPrivate};
     }
     // What only a private container holds is private too.
     return Target{*existing, into.isPrivate && detail::PlistStorage::isSoleHandle(*existing)};
+  }
+
+  /// Where nothing is found under the key.
+  static bool hang(const PlistValue& made, PlistValue container, std::string_view key) {
+    if (container.isDictionary()) return container.set(key, made);
+    return container.isArray() && container.isMutable() && made.isDictionary() &&
+           detail::appendObject(container, made, key);
   }
 
   std::vector<std::string> components_;
@@ -132,6 +138,7 @@ PlistValue PlistValue::nestedObjectForKey(std::string_view path) const {
   return found == nullptr ? PlistValue() : *found;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): a share of its own, for the caller's may be written over
 bool PlistValue::objectForNestedKey(std::string_view path, PlistValue container) const {
   return SelectiveCopy(path).run(*this, container, false);
 }

@@ -297,6 +297,10 @@ TEST(KeyPath, ReadsAndWritesTheSameTree) {
   EXPECT_TRUE(root.objectForNestedKey("l:*", root));
   EXPECT_EQ(text(root), text(tree(json)));  // and the list keeps its order
 
+  PlistValue marked = tree(R"({"l": [{"_id_": "k", "_obsoleteid_": true}]})");
+  EXPECT_TRUE(marked.setNestedObject(marked.get("l"), "l", merge));
+  EXPECT_EQ(marked.get("l").count(), 1U);
+
   // A part of the tree merged into the tree: what is read is never written to.
   EXPECT_FALSE(root.updateWithDictionary(root.get("b")));  // its "b" would have to go into itself
   EXPECT_EQ(root.nestedObjectForKey("a:y"), 2);
