@@ -25,8 +25,8 @@ const PlistValue* findObject(const PlistValue& container, const PlistValue& key,
 
 /// `setObject:forKey:` of an array. Requires: the array is not within the value.
 bool putObject(const PlistValue& array, const PlistValue& value, std::string_view key);
-/// The same where `objectForKey:` finds nothing, so that nothing has to be removed. Requires: a mutable array, a mutable
-/// dictionary, a string.
+/// The same where `objectForKey:` finds nothing, so that nothing has to be removed. Requires: a mutable array, a
+/// mutable dictionary, a string.
 bool appendObject(const PlistValue& array, PlistValue value, const PlistValue& id);
 
 /// `nestedObjectForKey:` in the same way. Gives `root` itself for an empty path.
