@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "ConfigFiles/UnifiedDiff.h"
+#include "Platform/RegularFile.h"
 
 namespace ostrel {
 
@@ -17,7 +18,8 @@ std::string FileChange::unifiedDiff(std::size_t context) const {
 }
 
 bool FileChange::isCurrent() const {
-  const auto text = readWholeFile(path_);
+  const FileDescriptor file = openRegularFile(path_);
+  const auto text = file ? readToEnd(file.get()) : std::nullopt;
   if (!text) return makesFile_ && errno == ENOENT;
   return !makesFile_ && *text == oldText_;
 }

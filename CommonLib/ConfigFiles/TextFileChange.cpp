@@ -7,6 +7,7 @@
 #include "ConfigFiles/Internal/CompactCopy.h"
 #include "ConfigFiles/TextFileErrors.h"
 #include "Platform/FileDescriptor.h"
+#include "Platform/RegularFile.h"
 
 namespace ostrel {
 
@@ -41,8 +42,9 @@ std::optional<std::string> EditableText::compactText() const {
 
 std::optional<FileChange> changeOfTextFile(const std::string& path, const std::function<std::int32_t(std::FILE*)>& edit,
                                            std::int32_t& code) {
-  auto oldText = readWholeFile(path);
   code = kTextFileOpenErr;
+  const FileDescriptor file = openRegularFile(path);
+  auto oldText = file ? readToEnd(file.get()) : std::nullopt;
   if (!oldText) return std::nullopt;
   code = kTextFileNoMemoryErr;
   const auto copy = EditableText::open(*oldText);

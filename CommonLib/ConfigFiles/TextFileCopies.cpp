@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -14,6 +15,7 @@
 #include "ConfigFiles/Internal/CompactCopy.h"
 #include "ConfigFiles/Internal/TextFileLines.h"
 #include "Platform/Files.h"
+#include "Platform/RegularFile.h"
 
 namespace ostrel {
 namespace detail {
@@ -56,14 +58,14 @@ struct Source {
   FileStatus status;
 };
 
-// Without waiting for a writer, should the path lead to a pipe.
 std::int32_t openSource(const std::string& path, Source& source) {
-  source.stream = openStream(openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY), "r");
-  if (!source.stream) return kTextFileOpenErr;
-  const auto status = descriptorStatus(fileno(source.stream.get()));
-  if (!status || !status->isRegularFile()) return kTextFileReadErr;
+  FileDescriptor file = openRegularFile(path);
+  if (!file) return errno == EISDIR || errno == EINVAL ? kTextFileReadErr : kTextFileOpenErr;
+  const auto status = descriptorStatus(file.get());
+  if (!status) return kTextFileReadErr;
   source.status = *status;
-  return 0;
+  source.stream = openStream(std::move(file), "r");
+  return source.stream ? 0 : kTextFileOpenErr;
 }
 
 // A file that was not there before; nobody else may open it until its mode is set.

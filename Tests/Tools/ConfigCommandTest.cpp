@@ -188,6 +188,7 @@ TEST(ConfigCommand, TellsWhatCannotBeDone) {
   writeFile(file, webServer);
   writeFile(folder / "nul", std::string("a\0b", 3));
   writeFile(folder / "bad.plist", "<plist>");
+  ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
   struct {
     std::vector<std::string> words;
     int status;
@@ -206,6 +207,7 @@ TEST(ConfigCommand, TellsWhatCannotBeDone) {
       {{"frobnicate"}, 2, "subcommand"},
       {{"get", folder / "missing", "A"}, 3, "cannot read"},
       {{"get", folder.path(), "A"}, 3, "cannot read"},
+      {{"get", folder / "pipe", "A"}, 3, "cannot read"},
       {{"get", folder / "nul", "A"}, 1, "NUL"},
       {{"get", folder / "bad.plist", "A"}, 1, "no property list"},
       {{"diff", file, folder / "missing"}, 2, "missing"},

@@ -3,7 +3,6 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <exception>
 #include <optional>
 #include <string>
@@ -12,7 +11,7 @@
 
 #include "ConfigFiles/FileChange.h"
 #include "Containers/Format.h"
-#include "Platform/Files.h"
+#include "Platform/RegularFile.h"
 #include "Platform/SystemLog.h"
 #include "ostrelctl/ConfigEdit.h"
 #include "ostrelctl/ConfigText.h"
@@ -113,7 +112,8 @@ class ConfigCommand final : public Subcommand {
     std::string fault;
     std::vector<ConfigEdit> edits;
     if (!editsFor(verb, edits, fault)) return failWith(wrongUsage, fault);
-    auto text = readWholeFile(path_, std::size_t{64} << 20U);
+    const FileDescriptor file = openRegularFile(path_);
+    auto text = file ? readToEnd(file.get(), std::size_t{64} << 20U) : std::nullopt;
     if (!text) return failWith(fileFault, format("cannot read %s: %s", path_, reasonOf(errno)));
     const auto format_ = formatName_.empty() ? guessConfigFormat(path_, *text) : configFormatNamed(formatName_);
     if (!format_) return failWith(wrongUsage, format("'%s' is no format that --format knows", formatName_));
