@@ -70,7 +70,7 @@ class KnownTimes {
   std::int64_t latest_;
 };
 
-void restore(int file, JournalReplay replay, int journal, JournalStatus status) {
+void restore(int file, const JournalReplay& replay, int journal, JournalStatus status) {
   status.restoring = 1;
   status.epoch = replay.head().checksum;
   status.boot = bootMark();
@@ -96,7 +96,7 @@ void settleAfterRestart(int file, const std::string& path, int journal, JournalR
         now.changedNanoseconds < HostBoot::current().startedNanoseconds() && known.fit(now.modifiedNanoseconds);
     if (restoring || asTheMachineLeftIt) {
       if (!restoring) keepAside(path, bytes, now.mode & 0777);
-      restore(file, std::move(replay), journal, status.value_or(JournalStatus()));
+      restore(file, replay, journal, status.value_or(JournalStatus()));
     }
   }
   retireJournal(file, journal);
