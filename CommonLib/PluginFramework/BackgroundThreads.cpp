@@ -43,7 +43,7 @@ void BackgroundThreads::waitUntilNone() {
   while (state_->running != 0) state_->changed.wait(state_->mutex);
 }
 
-void BackgroundThreads::start(std::function<void()> work) {
+void BackgroundThreads::start(const std::function<void()>& work) {
   if (!tryStart(work)) work();
 }
 

@@ -18,7 +18,7 @@ class BackgroundThreads {
 
   /// Runs `work` on a detached thread of its own; on this one when the system gives no thread, since work that is
   /// late is better than work that is lost. `work` must not throw. It is destroyed before it counts as done.
-  void start(std::function<void()> work);
+  void start(const std::function<void()>& work);
   /// The same, but not on this thread: false, with nothing done, when the system gives no thread.
   bool tryStart(const std::function<void()>& work);
 
