@@ -71,7 +71,8 @@ const std::string& nameIn(SqliteConnection& connection, const char* text, std::i
 
 }  // namespace
 
-LocalConnection::LocalConnection(const std::string& path, std::uint64_t inode) : SqliteConnection(path), inode_(inode) {
+LocalConnection::LocalConnection(const std::string& path, std::uint64_t inode)
+    : SqliteConnection(path), inode_(inode), process_(processId()) {
   if (pragma(*this, "PRAGMA user_version") == schemaVersion && pragma(*this, "PRAGMA application_id") == applicationId)
     return;
   SqliteTransaction transaction(*this);
@@ -141,6 +142,11 @@ std::unique_ptr<LocalConnection> LocalStore::checkOut() {
       if (idle_.empty()) break;
       connection = std::move(idle_.back());
       idle_.pop_back();
+    }
+    // SQLite's connections must not be used, nor closed, in a forked process.
+    if (connection->process() != processId()) {
+      static_cast<void>(connection.release());
+      continue;
     }
     // A file that was put in the place of the former one is a new database.
     if (connection->inode() == inode) return connection;

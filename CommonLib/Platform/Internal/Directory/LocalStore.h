@@ -1,6 +1,8 @@
 // The local node's database: its file, its connections and what every operation on it needs.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -25,6 +27,7 @@ class LocalConnection : public SqliteConnection {
   explicit LocalConnection(const std::string& path, std::uint64_t inode);
 
   std::uint64_t inode() const { return inode_; }
+  pid_t process() const { return process_; }
   /// Absent when no record ever had such a type or attribute.
   std::optional<std::int64_t> typeNamed(std::string_view name);
   std::optional<std::int64_t> attributeNamed(std::string_view name);
@@ -36,7 +39,8 @@ class LocalConnection : public SqliteConnection {
   const std::string& attributeName(std::int64_t attribute);
 
  private:
-  std::uint64_t inode_;
+  const std::uint64_t inode_;
+  const pid_t process_;
   std::unordered_map<std::int64_t, std::string> types_;
   std::unordered_map<std::int64_t, std::string> attributes_;
 };

@@ -32,7 +32,8 @@ std::string words(std::int64_t attribute, std::string_view bytes, std::size_t co
 // The words that begin within the pattern and do not reach beyond it; one shorter than a word is the beginning of one.
 std::string query(std::int64_t attribute, std::string_view pattern, bool isWhole) {
   const std::size_t count = pattern.size() < gramSize ? 1 : pattern.size() - gramSize + 1;
-  std::string phrase = "\"" + words(attribute, pattern, count) + "\"";
+  std::string phrase;
+  phrase.append("\"").append(words(attribute, pattern, count)).append("\"");
   if (pattern.size() < gramSize && !isWhole) phrase += " *";
   return phrase;
 }
