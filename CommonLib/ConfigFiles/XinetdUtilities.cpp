@@ -74,9 +74,9 @@ std::optional<XinetdUtilities::Plan> XinetdUtilities::planEntry(const PlistValue
   if (!isEntryKey(key) || !detail::fitsOneLine(newValue)) return std::nullopt;
   const auto text = detail::readConfigurationText(fFilePath);
   if (!text) return std::nullopt;
-  detail::XinetdEdit edit =
+  const detail::XinetdEdit edit =
       detail::xinetdWithEntry(*text, fServiceName.stringValue(), key.stringValue(), newValue.stringValue());
-  return Plan{FileChange(fFilePath, text, edit.hasEntryAlready ? *text : std::move(edit.text)), edit.hasEntryAlready};
+  return Plan{FileChange(fFilePath, text, edit.hasEntryAlready ? *text : edit.text), edit.hasEntryAlready};
 }
 
 std::optional<XinetdUtilities::Plan> XinetdUtilities::planRemoval(const PlistValue& key) const {
