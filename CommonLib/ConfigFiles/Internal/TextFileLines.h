@@ -74,10 +74,8 @@ struct LineEdit {
 
 class LineEditor {
  public:
+  virtual ~LineEditor() = default;
   virtual LineEdit edit(const TextLine& line) = 0;
-
- protected:
-  ~LineEditor() = default;
 };
 
 /// Asks the editor about each line from `start` on, until the file ends, a line starts beyond a positive `limit`, or an
