@@ -171,15 +171,16 @@ int main() {
   writeText(path, sampleText(2'000));
   std::printf("| a file of 2,000 lines: ours, peer | ours | peer | ratio | goal | |\n|---|---:|---:|---:|---:|---|\n");
   const auto value = [](int turn) { return std::to_string(100 + turn % 900); };
-  const auto plain = [&](int turn) { replacePlainly(path, value(turn + 1)); };
+  const auto plain = [&](int turn) { replacePlainly(path, value(2 * turn + 1)); };
   compare(
-      "in place and CompactFile, plain replacement", rounds, [&](int t) { editInPlace(path, value(t)); }, plain, 1.5);
+      "in place and CompactFile, plain replacement", rounds, [&](int t) { editInPlace(path, value(2 * t)); }, plain,
+      1.5);
   compare(
-      "on a copy and saved, plain replacement", rounds, [&](int t) { editCopy(path, value(t)); }, plain, 1.5);
+      "on a copy and saved, plain replacement", rounds, [&](int t) { editCopy(path, value(2 * t)); }, plain, 1.5);
   Augeas tree(folder.path);
   compare(
-      "in place and CompactFile, libaugeas", 5, [&](int t) { editInPlace(path, value(t)); },
-      [&](int t) { tree.edit(value(t + 1)); }, 1.0);
+      "in place and CompactFile, libaugeas", 5, [&](int t) { editInPlace(path, value(2 * t)); },
+      [&](int t) { tree.edit(value(2 * t + 1)); }, 1.0);
   compareGrowth();
   return 0;
 }

@@ -4,12 +4,30 @@
 
 #include <utility>
 
-#include "ConfigFiles/Internal/CompactCopy.h"
+#include "ConfigFiles/Internal/TextFileLines.h"
 #include "ConfigFiles/TextFileErrors.h"
 #include "Platform/FileDescriptor.h"
 #include "Platform/RegularFile.h"
 
 namespace ostrel {
+namespace {
+
+// The text as `copyLines` collapses it.
+std::string collapsed(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  bool afterBlankLine = false;
+  while (!text.empty()) {
+    const std::string_view line = text.substr(0, detail::firstLineLength(text));
+    text.remove_prefix(line.size());
+    const bool isBlankLine = line == "\n" || line == "\r";
+    if (!isBlankLine || !afterBlankLine) out += line;
+    afterBlankLine = isBlankLine;
+  }
+  return out;
+}
+
+}  // namespace
 
 void EditableText::Close::operator()(std::FILE* stream) const noexcept { static_cast<void>(std::fclose(stream)); }
 
@@ -35,9 +53,8 @@ std::optional<std::string> EditableText::text() const {
 }
 
 std::optional<std::string> EditableText::compactText() const {
-  const auto copy = open("");
-  if (!copy || detail::copyLines(stream_.get(), copy->stream(), true) != 0) return std::nullopt;
-  return copy->text();
+  const auto whole = text();
+  return whole ? std::optional(collapsed(*whole)) : std::nullopt;
 }
 
 std::optional<FileChange> changeOfTextFile(const std::string& path, const std::function<std::int32_t(std::FILE*)>& edit,
@@ -52,7 +69,7 @@ std::optional<FileChange> changeOfTextFile(const std::string& path, const std::f
   code = edit(copy->stream());
   if (code != 0) return std::nullopt;
   auto newText = copy->text();
-  if (newText && *newText != *oldText) newText = copy->compactText();
+  if (newText && *newText != *oldText) newText = collapsed(*newText);
   if (!newText) {
     code = kTextFileNoMemoryErr;
     return std::nullopt;

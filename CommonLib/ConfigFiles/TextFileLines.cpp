@@ -12,16 +12,6 @@
 namespace ostrel::detail {
 namespace {
 
-// How much of `bytes` is the first line.
-std::size_t lineLength(std::string_view bytes) noexcept {
-  bytes = bytes.substr(0, longestLine);
-  if (const void* const feed = std::memchr(bytes.data(), '\n', bytes.size()); feed != nullptr)
-    bytes = bytes.substr(0, static_cast<std::size_t>(static_cast<const char*>(feed) - bytes.data()) + 1);
-  if (const void* const end = std::memchr(bytes.data(), '\r', bytes.size()); end != nullptr)
-    return static_cast<std::size_t>(static_cast<const char*>(end) - bytes.data()) + 1;
-  return bytes.size();
-}
-
 // The text from the first changed line on, as it is to become.
 class Rewriting {
  public:
@@ -81,6 +71,15 @@ std::int32_t editLinesOrThrow(std::FILE* stream, std::int64_t start, std::int64_
 
 }  // namespace
 
+std::size_t firstLineLength(std::string_view bytes) noexcept {
+  bytes = bytes.substr(0, longestLine);
+  if (const void* const feed = std::memchr(bytes.data(), '\n', bytes.size()); feed != nullptr)
+    bytes = bytes.substr(0, static_cast<std::size_t>(static_cast<const char*>(feed) - bytes.data()) + 1);
+  if (const void* const end = std::memchr(bytes.data(), '\r', bytes.size()); end != nullptr)
+    return static_cast<std::size_t>(static_cast<const char*>(end) - bytes.data()) + 1;
+  return bytes.size();
+}
+
 TextLineReader::TextLineReader(std::FILE* stream, std::int64_t start) noexcept : stream_(stream), nextOffset_(start) {
   if (!seekStream(stream, start)) failure_ = kTextFileSeekErr;
 }
@@ -104,7 +103,7 @@ bool TextLineReader::next() noexcept {
   if (!atEnd_ && filled_ - begin_ < longestLine) fill();
   if (failure_ != 0 || begin_ == filled_) return false;
   line_.bytes = std::string_view(buffer_.data() + begin_, filled_ - begin_);
-  line_.bytes = line_.bytes.substr(0, lineLength(line_.bytes));
+  line_.bytes = line_.bytes.substr(0, firstLineLength(line_.bytes));
   line_.offset = nextOffset_;
   nextOffset_ = line_.next();
   begin_ += line_.bytes.size();

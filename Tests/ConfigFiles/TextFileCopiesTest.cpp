@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "ConfigFiles/TextDirectives.h"
+#include "ConfigFiles/TextFileChange.h"
 #include "ConfigFiles/TextFileEditing.h"
 #include "Support/TemporaryFolder.h"
 
@@ -42,6 +43,7 @@ TEST(TextFileCopies, CollapseBlankLines) {
   for (const Case& c : cases) {
     writeFile(path, c.text);
     ASSERT_EQ(chmod(path.c_str(), 0604), 0);
+    EXPECT_EQ(EditableText::open(c.text)->compactText(), c.compact);
     EXPECT_EQ(CompactFile(path.c_str()), 0);
     EXPECT_EQ(readFile(path), c.compact);
     EXPECT_EQ(modeOf(path), 0604U);

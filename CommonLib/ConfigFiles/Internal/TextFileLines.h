@@ -24,6 +24,9 @@ struct TextLine {
   bool isEmpty() const noexcept { return bytes.front() == '\n' || bytes.front() == '\r'; }
 };
 
+/// How many of `bytes` are their first line, its line end included.
+std::size_t firstLineLength(std::string_view bytes) noexcept;
+
 /// Reads lines from an offset onwards. It reads ahead: the stream's position means nothing meanwhile.
 class TextLineReader {
  public:
