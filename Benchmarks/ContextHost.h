@@ -22,6 +22,7 @@ class HostFolder {
   ~HostFolder() { std::filesystem::remove_all(path_); }
   HostFolder(const HostFolder&) = delete;
   HostFolder& operator=(const HostFolder&) = delete;
+  const std::string& path() const noexcept { return path_; }
   std::string file(const char* name) const { return path_ + "/private/var/ostreld/" + name; }
 
  private:
