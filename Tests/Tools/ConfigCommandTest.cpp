@@ -93,6 +93,7 @@ TEST(ConfigCommand, ChangesDirectivesWhereTheyStand) {
   // Lines longer than the buffer of the editing functions, whose rest looks like a directive.
   const std::string longLine = "Listen " + std::string(504, '1') + "Listen 5\nListen 6\n";
   EXPECT_EQ(changed("web.conf", longLine, {"set", "Listen[1]", "7"}), "Listen 7\nListen 6\n");
+  EXPECT_EQ(changed("web.conf", "Open \\\n", {"set", "New", "1"}), "Open \\\n\nNew 1\n");
 }
 
 TEST(ConfigCommand, ChangesTheOtherFormats) {

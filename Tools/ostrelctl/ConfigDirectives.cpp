@@ -213,7 +213,10 @@ class DirectiveText final : public ConfigText {
     const std::string indent = block == 0 ? "" : indentOf(scope);
     std::string lines = indent + first;
     if (!second.empty()) lines += indent + second;
-    const bool endsInLine = scope.bodyEnd > 0 && !isLineEnd(text_[scope.bodyEnd - 1]);
+    // A backslash at the end of the text would join the new line to it.
+    const std::string_view before = std::string_view(text_).substr(0, scope.bodyEnd);
+    const bool isJoined = before.ends_with("\\\n") || before.ends_with("\\\r\n");
+    const bool endsInLine = isJoined || (!before.empty() && !isLineEnd(before.back()));
     return replace(scope.bodyEnd, scope.bodyEnd, endsInLine ? "\n" + lines : lines, fault);
   }
 
