@@ -17,6 +17,7 @@
 
 #include "Platform/DirectoryService.h"
 #include "Platform/HostRoot.h"
+#include "Platform/Internal/Directory/LocalNode.h"
 
 namespace {
 
@@ -56,7 +57,7 @@ void require(bool condition, const char* what) {
   std::abort();
 }
 
-// A folder in memory where there is one: seeding syncs once for each change.
+// In memory where that can be had, for both alike.
 std::string makeFolder() {
   std::string pattern =
       std::filesystem::is_directory("/dev/shm") ? "/dev/shm/ostrel-bench-XXXXXX" : "/tmp/ostrel-bench-XXXXXX";
@@ -88,7 +89,7 @@ class Directory {
     require(dsOpenDirService(&session_) == 0, "cannot open a session");
     const List path(dsBuildFromPath("/Local", "/"));
     require(dsOpenDirNode(session_, path.get(), &node_) == 0, "cannot open the node");
-    for (int number = 0; number < userCount; ++number) seed(valuesOf(number));
+    seed();
     openPeer();
   }
   ~Directory() {
@@ -152,13 +153,20 @@ class Directory {
   }
 
  private:
-  void seed(const std::array<std::string, 8>& values) {
-    DirectoryHandle record = 0;
-    require(dsCreateRecordAndOpen(node_, node(usersType).get(), node(values[0]).get(), &record) == 0, "cannot seed");
-    for (std::size_t at = 1; at < values.size(); ++at)
-      require(dsAddAttribute(record, node(attributeNames[at]).get(), nullptr, node(values[at]).get()) == 0,
-              "cannot seed");
-    dsCloseRecord(record);
+  void seed() const {
+    std::vector<std::array<std::string, 8>> texts(userCount);
+    std::vector<std::array<DirectoryValue, 8>> values(userCount);
+    std::vector<std::array<DirectoryAttribute, 8>> attributes(userCount);
+    std::vector<DirectoryRecordView> records;
+    for (std::size_t number = 0; number < userCount; ++number) {
+      texts[number] = valuesOf(static_cast<int>(number));
+      for (std::size_t at = 0; at < attributeNames.size(); ++at) {
+        values[number][at] = {0, texts[number][at]};
+        attributes[number][at] = {attributeNames[at], {&values[number][at], 1}};
+      }
+      records.push_back({usersType, texts[number][0], attributes[number]});
+    }
+    require(detail::importRecords(folder_ + "/var/ostreld/directory/local.db", records) == 0, "cannot seed");
   }
 
   std::size_t read(const DirectoryDataBuffer& buffer, std::uint32_t index) const {

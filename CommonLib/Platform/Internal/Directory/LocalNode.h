@@ -60,6 +60,10 @@ std::unique_ptr<DirectoryRecord> makeLocalRecord(std::shared_ptr<LocalStore> sto
                                                  std::int64_t type);
 /// Makes a record with its name, within a transaction. Throws StoreFailure.
 std::int64_t insertRecord(LocalConnection& connection, std::int64_t type, std::string_view name);
+/// Makes many records in one transaction, each with its name and the values of its attributes besides the name: to fill
+/// a database of measurements, for which single changes would take minutes. Passwords are not taken.
+OSTREL_EXPORT DirectoryStatus importRecords(const std::string& databasePath,
+                                            std::span<const DirectoryRecordView> records);
 /// The record that has this name, whatever its case.
 std::optional<std::int64_t> recordNamed(LocalConnection& connection, std::int64_t type, std::string_view name);
 
