@@ -1,5 +1,7 @@
 #include "ConfigFiles/ConfigurationParser.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <string>
 #include <utility>
 #include <vector>
@@ -81,8 +83,9 @@ bool addMissingElements(PlistValue target, const PlistValue& defaults, std::vect
       pending.push_back({found, element});
       continue;
     }
+    // Known to be new: put at the end without another search.
     const PlistValue copy = element.mutableCopy();
-    if (!target.setObject(copy, id.stringValue())) continue;
+    target.append(copy);
     present.set(id.stringValue(), copy);
     added = true;
   }
@@ -175,8 +178,8 @@ std::optional<FileChange> ConfigurationParser::change() {
 }
 
 bool ConfigurationParser::save() {
-  const auto due = change();
-  return due && due->save();
+  const auto xml = writeXmlPropertyList(dictionary());
+  return fFile.isString() && xml && writeFileAtomically(pathOf(fFile), *xml);
 }
 
 void ConfigurationParser::setTypesDictionaryFromStringsFile(const PlistValue& path) {
@@ -213,11 +216,15 @@ void ConfigurationParser::setDefaultsDictionaryFromFile(const PlistValue& path) 
 bool ConfigurationParser::populateMissingParametersInDictionary(PlistValue target, const PlistValue& defaults) {
   std::vector<Pending> pending;
   const bool changed = addMissingMembers(std::move(target), defaults, pending);
-  // Meant: what is added deeper does not count. A list, not recursion: nesting has no bound.
+  std::ranges::reverse(pending);
+  // Meant: what is added deeper does not count. A stack, not recursion: nesting has no bound. Its top is the first in
+  // order, because of two defaults for one element the first one counts.
   while (!pending.empty()) {
     const Pending next = std::move(pending.back());
     pending.pop_back();
+    const auto known = static_cast<std::ptrdiff_t>(pending.size());
     addMissingMembers(next.target, next.defaults, pending);
+    std::reverse(pending.begin() + known, pending.end());
   }
   return changed;
 }

@@ -24,11 +24,6 @@ struct SettingType {
   std::vector<std::string_view> words;
 };
 
-bool equalsIgnoringCase(std::string_view left, std::string_view right) {
-  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
-  return std::ranges::equal(left, right, {}, lower, lower);
-}
-
 std::size_t countOfDigits(std::string_view text) { return std::min(text.find_first_not_of("0123456789"), text.size()); }
 
 // The floating-point number that a text begins with, in two parts: what is multiplied by a power of ten, and that.
@@ -82,8 +77,8 @@ PlistValue arrayFromText(const SettingType& type, std::string_view text) {
 }
 
 bool booleanFromText(const SettingType& type, std::string_view text) {
-  if (type.hasOwnWords()) return equalsIgnoringCase(text, type.words[1]);
-  return equalsIgnoringCase(text, "YES") || equalsIgnoringCase(text, "TRUE") || text == "1";
+  if (type.hasOwnWords()) return detail::equalsIgnoringCase(text, type.words[1]);
+  return detail::equalsIgnoringCase(text, "YES") || detail::equalsIgnoringCase(text, "TRUE") || text == "1";
 }
 
 std::string textFromArray(const SettingType& type, const PlistValue& array) {

@@ -24,8 +24,10 @@ bool FileChange::isCurrent() const {
   return !makesFile_ && *text == oldText_;
 }
 
-bool FileChange::save(const AtomicWriteOptions& options) const {
-  return !changed() || writeFileAtomically(path_, newText_, options);
+bool FileChange::save(const AtomicWriteOptions& options) const { return !changed() || write(options); }
+
+bool FileChange::write(const AtomicWriteOptions& options) const {
+  return writeFileAtomically(path_, newText_, options);
 }
 
 }  // namespace ostrel

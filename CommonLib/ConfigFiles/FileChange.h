@@ -10,8 +10,8 @@
 
 namespace ostrel {
 
-/// What an editor would make of a file. Making one touches nothing; only `save` writes. A default-constructed one has
-/// no path and changes nothing.
+/// What an editor would make of a file. Making one touches nothing; only `save` and `write` do. A default-constructed
+/// one has no path and changes nothing.
 ///
 /// Threads: one object on one thread at a time; const operations may run side by side.
 class OSTREL_EXPORT FileChange {
@@ -40,6 +40,8 @@ class OSTREL_EXPORT FileChange {
   /// changes the file is not touched, not even its times. `options` tell how a new file is made. True on success;
   /// otherwise the reason is in errno and the file is as it was.
   bool save(const AtomicWriteOptions& options = {}) const;
+  /// The same, but the file is replaced also when nothing changes.
+  bool write(const AtomicWriteOptions& options = {}) const;
 
  private:
   std::string path_;

@@ -71,7 +71,7 @@ std::optional<FileChange> HostConfigUtilities::changeOfEntryForKey(const PlistVa
 bool HostConfigUtilities::setOrAddEntryForKey(const PlistValue& key, const PlistValue& newValue) const {
   const MutexLock lock(detail::editing());
   const auto change = changeOfEntryForKey(key, newValue);
-  return change && change->save();
+  return change && change->write();
 }
 
 }  // namespace ostrel

@@ -1,6 +1,4 @@
-#include <algorithm>
-#include <span>
-
+#include "ConfigFiles/Internal/TextLines.h"
 #include "ConfigFiles/SyslogUtilities.h"
 
 namespace ostrel {
@@ -9,11 +7,9 @@ namespace {
 constexpr std::int32_t debugLevel = 7;
 constexpr std::int32_t everyFacility = 1016;
 
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
 std::int32_t numberOf(std::string_view name, const SyslogName* row) {
   for (; row->name != nullptr; ++row) {
-    if (std::ranges::equal(name, std::string_view(row->name), {}, lower)) return row->number;
+    if (detail::equalsIgnoringCase(name, row->name)) return row->number;
   }
   return row->number;
 }

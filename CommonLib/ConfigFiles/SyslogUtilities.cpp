@@ -228,10 +228,13 @@ bool SyslogUtilities::recycle() {
   }
   const MutexLock lock(detail::editing());
   const auto due = change();
-  if (!due || !due->save()) return false;
+  if (!due || !due->write()) return false;
   const std::string pidFile = hostPath(loggerPidFile);
-  const auto logger = ProcessTable::current().find(ec_pid_from_pid_file_or_process_named(pidFile.c_str(), loggerName));
-  return logger && ProcessSignals::current().send(logger->identity(), SIGHUP);
+  const pid_t pid = ec_pid_from_pid_file_or_process_named(pidFile.c_str(), loggerName);
+  if (pid < 1) return false;
+  // Meant: whether the signal could be sent is not asked.
+  if (const auto logger = ProcessTable::current().find(pid)) ProcessSignals::current().send(logger->identity(), SIGHUP);
+  return true;
 }
 
 std::string SyslogUtilities::description() {

@@ -48,6 +48,11 @@ std::string_view takeWord(std::string_view& rest) {
   return word;
 }
 
+bool equalsIgnoringCase(std::string_view left, std::string_view right) {
+  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+  return std::ranges::equal(left, right, {}, lower, lower);
+}
+
 bool fitsOneLine(const PlistValue& text) {
   const std::string_view bytes = text.stringValue();
   return text.isString() && bytes.find_first_of(std::string_view("\n\0", 2)) == std::string_view::npos &&

@@ -33,8 +33,8 @@ class Place {
 
   /// Takes a line outside the service's own blocks into account.
   void pass(const Line& line) {
-    // A header ends the wait for a brace, too: the block that follows is not that of the header before.
-    if (state_ != State::otherBlock && line.isHeader())
+    // Meant: while a brace is awaited a header is a line like any other, and the next brace is the first header's.
+    if (state_ == State::outside && line.isHeader())
       state_ = line.second == service_ ? State::ownHeader : State::otherHeader;
     else if (state_ == State::ownHeader && line.opensBlock())
       state_ = State::ownBlock;
@@ -45,7 +45,7 @@ class Place {
   }
   /// The same where a brace may stand at the end of the header's line.
   void passWithBrace(const Line& line) {
-    const bool brace = state_ != State::otherBlock && line.isHeader() && line.value.starts_with('{');
+    const bool brace = state_ == State::outside && line.isHeader() && line.value.starts_with('{');
     pass(line);
     if (brace) state_ = state_ == State::ownHeader ? State::ownBlock : State::otherBlock;
   }

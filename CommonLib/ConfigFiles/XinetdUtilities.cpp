@@ -80,7 +80,7 @@ std::optional<XinetdUtilities::Plan> XinetdUtilities::planEntry(const PlistValue
 }
 
 std::optional<XinetdUtilities::Plan> XinetdUtilities::planRemoval(const PlistValue& key) const {
-  if (!isEntryKey(key)) return std::nullopt;
+  if (!key.isString()) return std::nullopt;
   const auto text = detail::readConfigurationText(fFilePath);
   if (!text) return std::nullopt;
   detail::XinetdEdit edit = detail::xinetdWithoutEntry(*text, fServiceName.stringValue(), key.stringValue());
@@ -91,10 +91,10 @@ bool XinetdUtilities::setOrAddEntryForKey(const PlistValue& key, const PlistValu
   const MutexLock lock(detail::editing());
   const auto plan = planEntry(key, newValue);
   if (!plan) return false;
-  if (plan->hasEntryAlready)
-    fLogger->messageWithPriority(informationPriority, "New setting equals old setting for key '%@' value '%@'", key,
-                                 newValue);
-  return plan->change.save();
+  if (!plan->hasEntryAlready) return plan->change.write();
+  fLogger->messageWithPriority(informationPriority, "New setting equals old setting for key '%@' value '%@'", key,
+                               newValue);
+  return true;
 }
 
 bool XinetdUtilities::removeEntryForKey(const PlistValue& key) {
@@ -103,7 +103,7 @@ bool XinetdUtilities::removeEntryForKey(const PlistValue& key) {
   if (!plan) return false;
   for (std::size_t i = 0; i < plan->deletedEntries; ++i)
     fLogger->messageWithPriority(informationPriority, "Deleting entry for key '%@'", key);
-  return plan->change.save();
+  return plan->change.write();
 }
 
 std::optional<FileChange> XinetdUtilities::changeOfEntryForKey(const PlistValue& key,

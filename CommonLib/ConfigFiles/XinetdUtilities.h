@@ -48,14 +48,15 @@ class OSTREL_EXPORT XinetdUtilities {
   /// closing brace. When the entry says `newValue` already, nothing is written and the result is true. So it is when
   /// the file holds no such service, or only one with its brace on the header's line, which this never changes.
   ///
-  /// Meant: after an entry was added, the rest of the file counts as this block, other services included.
+  /// Meant: after an entry was added, the rest of the file counts as this block, other services included. So does the
+  /// first block that comes after a header without a brace of its own line, whatever headers stand between.
   ///
   /// False, with the file left alone, when `key` or `newValue` is absent or does not fit one line, when `key` is not
   /// one word or begins with "#" or a brace, when the file cannot be read or replaced. Owner, group and mode are kept,
   /// links are followed.
   bool setOrAddEntryForKey(const PlistValue& key, const PlistValue& newValue);
-  /// `removeEntryForKey:` Removes the entries for `key` from the service's block; otherwise as above. Meant: when there
-  /// is none in that block, the rest of the file counts as this block.
+  /// `removeEntryForKey:` Removes the entries for `key` from the service's block; otherwise as above, except that any
+  /// string is taken for a key. Meant: when there is none in that block, the rest of the file counts as this block.
   bool removeEntryForKey(const PlistValue& key);
 
   /// What these two would write, without writing or logging it; absent where they would fail before.

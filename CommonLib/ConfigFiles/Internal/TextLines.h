@@ -35,6 +35,9 @@ std::string_view trimBlanks(std::string_view text);
 /// Takes the first word off `rest`: skips spaces and tabs, then takes what comes up to the next one. "" at the end.
 std::string_view takeWord(std::string_view& rest);
 
+/// Whether two texts are equal but for the case of ASCII letters.
+bool equalsIgnoringCase(std::string_view left, std::string_view right);
+
 /// Whether a key or a value fits in one line of a file: a string of valid UTF-8 without line feed and NUL. What does
 /// not could write a second setting beside its own.
 bool fitsOneLine(const PlistValue& text);
