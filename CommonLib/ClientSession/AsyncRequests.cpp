@@ -110,11 +110,15 @@ std::uint32_t OstrelDaemonSession::sendAsyncRequest(const PlistValue& request, c
     _ostrelDaemonSessTasks.push_back(std::move(task));
     return number;
   }
-  _askedToAbort = false;
   ++_pendingRequestsCount;
+  startSoon(task);
+  return number;
+}
+
+void OstrelDaemonSession::startSoon(const std::shared_ptr<OstrelDaemonSessTask>& task) {
+  _askedToAbort = false;
   MainEventLoop::shared().callAfter(startDelay,
                                     [self = shared_from_this(), task] { self->_processOstrelDaemonSessTask(task); });
-  return number;
 }
 
 std::uint32_t OstrelDaemonSession::authenticateInAsyncModeWithNotifySelector(const Text& notifySelector) {
@@ -179,11 +183,15 @@ void OstrelDaemonSession::_relayNotification(const std::shared_ptr<OstrelDaemonS
     _cancelPendingRequestsWithSendBeginNotification(true);
   } else if (someWaited && !_ostrelDaemonSessTasks.empty()) {  // the callback may have had them cancelled
     // Off the list first: the callback that hears of its begin may cancel what is on it.
-    const auto task = _ostrelDaemonSessTasks.front();
-    _ostrelDaemonSessTasks.pop_front();
-    _processOstrelDaemonSessTask(task);
+    _processOstrelDaemonSessTask(takeFirstWaiting());
   }
   if (_releaseNotifyTarget) setNotifyTarget(nullptr);
+}
+
+std::shared_ptr<OstrelDaemonSessTask> OstrelDaemonSession::takeFirstWaiting() {
+  auto task = std::move(_ostrelDaemonSessTasks.front());
+  _ostrelDaemonSessTasks.pop_front();
+  return task;
 }
 
 // Cancelling.
@@ -219,6 +227,10 @@ void OstrelDaemonSession::cancelTasks(TaskList tasks, bool sendBeginNotification
     --_pendingRequestsCount;
   }
   cancelling_ = false;
+  // What a callback has sent meanwhile waits for a result that starts it; when none is to come, it starts by itself.
+  const bool someWait = !_ostrelDaemonSessTasks.empty();
+  if (someWait && static_cast<std::size_t>(_pendingRequestsCount) == _ostrelDaemonSessTasks.size())
+    startSoon(takeFirstWaiting());
 }
 
 }  // namespace ostrel

@@ -234,7 +234,9 @@ class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<Os
 
   Outcome perform(const OstrelDaemonSessTask& task);
   void deliver(const OstrelDaemonSessTask& task, const Outcome& outcome);
+  void startSoon(const std::shared_ptr<OstrelDaemonSessTask>& task);
   void startThread(const std::shared_ptr<OstrelDaemonSessTask>& task);
+  std::shared_ptr<OstrelDaemonSessTask> takeFirstWaiting();
   void cancelTasks(TaskList tasks, bool sendBeginNotification);
   OstrelDaemonSessNotification notificationOf(const std::shared_ptr<OstrelDaemonSessTask>& task,
                                               std::string_view about);

@@ -132,8 +132,8 @@ class OSTREL_EXPORT BundleManager {
   // Idle processing: the handlers' `doIdleAtCount`, on the calling thread.
 
   /// `doIdle`: calls every module in turn, with its context locked, and with the count of such passes of the process
-  /// before this one. A pass ends at the first context that cannot be locked. Nothing happens, and nothing is counted,
-  /// in sleep mode.
+  /// before this one. A pass ends at the first context that cannot be locked, and, with a log line, where
+  /// `getAndLockContext` throws; the marker then stays. Nothing happens, and nothing is counted, in sleep mode.
   void doIdle();
   /// `doIdle:`: the same for one module, in sleep mode as well, with a count of its own. Throws ContextError as
   /// `getAndLockContext` does; the marker then stays.

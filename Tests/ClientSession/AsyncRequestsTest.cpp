@@ -281,6 +281,28 @@ TEST(AsyncRequests, CancellingReachesEveryState) {
   EXPECT_THAT(client.recorder->events, ElementsAre("begin 4", "finish 4"));
 }
 
+TEST(AsyncRequests, WhatIsSentAgainOnItsCancellationRunsInTheEnd) {
+  Gate gate;
+  Daemon daemon(Transport::plain, [&](Peer& peer, int number) {
+    peer.readRequest();
+    if (number == 1) gate.pass();
+    peer.send(stateReply);
+  });
+  Client client(daemon);
+  for (int i = 0; i < 3; ++i) client.session->sendAsyncRequest(request());
+  ASSERT_TRUE(runUntil([&] { return gate.hasArrived(); }));
+  client.recorder->hook = [&](OstrelDaemonSessNotification& notification) {
+    const bool isCancelled = notification.userInfo.get("name").stringValue() == "ResourceDidCancelLoading";
+    if (isCancelled && notification.userInfo.get("transactionNb").int64Value() > 1)
+      notification.sender->sendAsyncRequest(request());
+  };
+  client.session->cancelAsyncRequests();
+  gate.open();
+  EXPECT_TRUE(client.runToTheEnd());
+  EXPECT_THAT(client.recorder->events, ElementsAre("begin 1", "cancel 1", "begin 2", "cancel 2", "begin 3", "cancel 3",
+                                                   "begin 4", "finish 4", "begin 5", "finish 5"));
+}
+
 TEST(AsyncRequests, ResultsVanishWithoutATargetOrItsOperation) {
   Daemon daemon(Transport::plain, ScriptedServer::answering(stateReply));
   struct Case {

@@ -72,8 +72,54 @@ TEST(Watchdog, WarnsOnceOfALongWaitAndNamesTheHolder) {
 
 enum class Trigger { lock, batch };
 
-/// Runs into a limit, with a clock that makes 15 minutes a second. For a process of its own.
-void hang(Trigger trigger, bool crash) {
+/// Runs into a limit, in a module that waits for `file`.
+void hang(BundleManager& manager, Trigger trigger, const std::string& file) {
+  const PlistValue forEver = waitFor(file);
+  if (trigger == Trigger::batch) {
+    const PlistValue member = PlistValue::dictionaryOf({{"name", "ostrel_dns"}, {"request", forEver}});
+    manager.doBatchCommand(PlistValue::dictionaryOf({{"requestsArray", PlistValue::arrayOf({member})}}), "alice");
+    return;
+  }
+  std::thread holder([&] { manager.doCommand(forEver, "ostrel_dns", "alice"); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  manager.doCommand(forEver, "ostrel_dns", "bob");
+  holder.join();
+}
+
+/// A host whose forced quit does not come through within 31 seconds; the module is let go then.
+class StuckManager final : public BundleManager {
+ public:
+  explicit StuckManager(std::string file) : file_(std::move(file)) {}
+  void forceQuitNow_PleaseLookAtHungThreadAndNotThisThread() override {
+    before = longestOverrun();
+    Clock::current().sleepFor(std::chrono::seconds(31));
+    after = longestOverrun();
+    testing::writeFile(file_, "");
+  }
+  std::chrono::nanoseconds before{};
+  std::chrono::nanoseconds after{};
+
+ private:
+  const std::string file_;
+};
+
+TEST(Watchdog, SeesThatAForcedQuitDoesNotComeThrough) {
+  for (const Trigger trigger : {Trigger::lock, Trigger::batch}) {
+    const HostFixture host;
+    host.install("Good", "ostrel_dns.bundle");
+    testing::FastClock clock(900);
+    testing::RecordingLog log;
+    const ScopedOverride<Clock> clockOverride(clock);
+    const ScopedOverride<SystemLog> logOverride(log);
+    StuckManager manager(host / "go");
+    hang(manager, trigger, host / "go");
+    EXPECT_GE(manager.after - manager.before, std::chrono::seconds(31));
+    EXPECT_EQ(manager.longestOverrun().count(), 0) << "the wait is over";
+  }
+}
+
+/// With a clock that makes 15 minutes a second. For a process of its own.
+void hangForEver(Trigger trigger, bool crash) {
   const rlimit noCore{0, 0};
   setrlimit(RLIMIT_CORE, &noCore);
   signal(SIGSEGV, SIG_DFL);  // also under a sanitizer that would catch it
@@ -85,15 +131,7 @@ void hang(Trigger trigger, bool crash) {
   const ScopedOverride<SystemLog> logOverride(log);
   BundleManager manager;
   manager.setCrashOnHangTimeout(crash);
-  const PlistValue forEver = waitFor(host / "never");
-  if (trigger == Trigger::batch) {
-    const PlistValue member = PlistValue::dictionaryOf({{"name", "ostrel_dns"}, {"request", forEver}});
-    manager.doBatchCommand(PlistValue::dictionaryOf({{"requestsArray", PlistValue::arrayOf({member})}}), "alice");
-  } else {
-    std::thread([&] { manager.doCommand(forEver, "ostrel_dns", "alice"); }).detach();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    manager.doCommand(forEver, "ostrel_dns", "bob");
-  }
+  hang(manager, trigger, host / "never");
 }
 
 TEST(WatchdogDeathTest, EndsTheProcessInEitherMannerOnEitherTrigger) {
@@ -109,10 +147,10 @@ TEST(WatchdogDeathTest, EndsTheProcessInEitherMannerOnEitherTrigger) {
                     "<5> \\[[0-9]+\\] process will force-quit to avoid deadlock\n"),
       Not(HasSubstr("never")));
   const auto batchLines = ContainsRegex("<5> \\[[0-9]+\\] Batch request timeout\\.  Killing ostreld\\.\n");
-  EXPECT_EXIT(hang(Trigger::lock, false), ::testing::ExitedWithCode(1), lockLines);
-  EXPECT_EXIT(hang(Trigger::lock, true), ::testing::KilledBySignal(SIGSEGV), lockLines);
-  EXPECT_EXIT(hang(Trigger::batch, false), ::testing::ExitedWithCode(1), batchLines);
-  EXPECT_EXIT(hang(Trigger::batch, true), ::testing::KilledBySignal(SIGSEGV), batchLines);
+  EXPECT_EXIT(hangForEver(Trigger::lock, false), ::testing::ExitedWithCode(1), lockLines);
+  EXPECT_EXIT(hangForEver(Trigger::lock, true), ::testing::KilledBySignal(SIGSEGV), lockLines);
+  EXPECT_EXIT(hangForEver(Trigger::batch, false), ::testing::ExitedWithCode(1), batchLines);
+  EXPECT_EXIT(hangForEver(Trigger::batch, true), ::testing::KilledBySignal(SIGSEGV), batchLines);
 }
 
 }  // namespace

@@ -53,7 +53,7 @@ class HistoryCommand : public Subcommand {
 
   int run(const SharedOptions& shared) override {
     const auto period = periodFromText(period_);
-    if (!period) return fail(wrongUsage, "no period: " + period_);
+    if (!period) return fail(wrongUsage, "no period: " + period_ + " (a number and s, m, h, d or w)");
     int exitStatus = done;
     auto exchange = Exchange::open(shared, exitStatus);
     if (!exchange) return exitStatus;
