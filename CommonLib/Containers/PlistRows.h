@@ -1,9 +1,10 @@
-// Many small dictionaries at once: the rows of a table or the samples of a time series.
+// Many small dictionaries of numbers at once: the samples of a time series.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
-#include <string_view>
+#include <span>
 
 #include "Containers/Export.h"
 #include "Containers/PlistValue.h"
@@ -22,11 +23,9 @@ class OSTREL_EXPORT PlistRows {
   PlistRows(const PlistRows&) = delete;
   PlistRows& operator=(const PlistRows&) = delete;
 
-  /// Adds an entry to the row that is being made. Requires: `key` is a string that the row does not have yet, and
-  /// `value` is not null.
-  void add(const PlistValue& key, PlistValue value);
-  /// Ends the row.
-  void endRow();
+  /// Adds a row of a number for each key; but for the first, which is always there, those that are `absent` are left
+  /// out. Requires: the keys are strings, all different, and as many as the numbers.
+  void add(std::span<const PlistValue> keys, std::span<const std::uint64_t> numbers, std::uint64_t absent);
 
   /// The rows in order, a mutable array of mutable dictionaries; this object is empty afterwards.
   PlistValue finish();

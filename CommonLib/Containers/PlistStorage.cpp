@@ -213,6 +213,19 @@ PlistValue PlistStorage::makeDictionary(PlistValue* keysAndValues, std::size_t c
   return keys == Keys::knownDistinct || keysAreDistinct(node->members, node->count) ? made : PlistValue();
 }
 
+PlistValue PlistStorage::makeRow(std::span<const PlistValue> keys, std::span<const std::uint64_t> numbers,
+                                 std::uint64_t absent, PlistArena& arena) {
+  DictionaryNode* node = newDictionary(keys.size(), true, &arena);
+  PlistValue made = adopt(node, PlistValue::Tag::dictionary);
+  PlistEntry* next = node->members;
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    if (i == 0 || numbers[i] != absent) new (static_cast<void*>(next++)) PlistEntry{keys[i], numbers[i]};
+  }
+  node->count = static_cast<std::uint32_t>(next - node->members);
+  if (node->count > smallDictionary) rebuildIndex(node);
+  return made;
+}
+
 namespace {
 
 /// Moves the members of a container to room for `capacity` of them. Handles may be moved as bytes: they hold no

@@ -146,35 +146,33 @@ std::vector<std::uint32_t> recentSamples(const History<const char>& history, std
   return recent;
 }
 
-struct Column {
-  std::uint32_t position;
-  PlistValue key;
+/// The time and the values that a filter lets through; no filter lets all through.
+struct Columns {
+  std::vector<PlistValue> keys;
+  std::vector<std::uint32_t> positions;  // in a sample
 };
 
-/// The values that a filter lets through; no filter lets all through.
-std::vector<Column> columnsFor(const PlistValue& keyFilter, std::uint32_t valuesPerSample) {
+Columns columnsFor(const PlistValue& keyFilter, std::uint32_t valuesPerSample) {
   if (!keyFilter.isNull() && !keyFilter.isString()) throw std::runtime_error("the key filter is not text");
   const std::string_view filter = keyFilter.stringValue();
-  std::vector<Column> columns;
+  Columns columns{{"t"}, {0}};
   for (std::uint32_t i = 1; i <= valuesPerSample; ++i) {
     const std::string key = format("v%u", i);
-    if (keyFilter.isNull() || filter.find(key) != std::string_view::npos) columns.push_back({i, key});
+    if (!keyFilter.isNull() && filter.find(key) == std::string_view::npos) continue;
+    columns.keys.emplace_back(key);
+    columns.positions.push_back(i);
   }
   return columns;
 }
 
 PlistValue samplesOf(const History<const char>& history, const PlistValue& keyFilter, std::uint64_t cutOff) {
   const std::vector<std::uint32_t> recent = recentSamples(history, cutOff);
-  const std::vector<Column> columns = columnsFor(keyFilter, history.valuesPerSample());
-  const PlistValue timeKey = "t";
-  PlistRows samples(recent.size(), columns.size() + 1);
+  const Columns columns = columnsFor(keyFilter, history.valuesPerSample());
+  PlistRows samples(recent.size(), columns.keys.size());
+  std::vector<std::uint64_t> words(columns.positions.size());
   for (const std::uint32_t index : recent) {
-    samples.add(timeKey, history.time(index));
-    for (const Column& column : columns) {
-      const std::uint64_t value = history.word(index, column.position);
-      if (value != noValue) samples.add(column.key, value);
-    }
-    samples.endRow();
+    for (std::size_t i = 0; i < words.size(); ++i) words[i] = history.word(index, columns.positions[i]);
+    samples.add(columns.keys, words, noValue);
   }
   return samples.finish();
 }

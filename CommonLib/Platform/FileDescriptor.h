@@ -55,6 +55,7 @@ struct FileStatus {
 
   bool isRegularFile() const noexcept { return (mode & 0170000U) == 0100000U; }
   bool isDirectory() const noexcept { return (mode & 0170000U) == 0040000U; }
+  bool isSameFile(const FileStatus& other) const noexcept { return device == other.device && inode == other.inode; }
 };
 
 // Every operation below retries when a signal interrupts it, leaves its reason in errno when it fails, and may be

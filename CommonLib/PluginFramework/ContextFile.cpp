@@ -6,8 +6,8 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <memory>
 #include <stdexcept>
+#include <utility>
 
 #include "Containers/Format.h"
 #include "Containers/PropertyList.h"
@@ -17,6 +17,7 @@
 #include "Platform/SystemLog.h"
 #include "PluginFramework/Internal/ContextJournal.h"
 #include "PluginFramework/Internal/ContextRecovery.h"
+#include "PluginFramework/Internal/WrittenContexts.h"
 
 namespace ostrel::detail {
 namespace {
@@ -24,6 +25,7 @@ namespace {
 constexpr mode_t contextFileMode = 0770;
 constexpr std::uint64_t smallestLogLimit = 1 << 20;
 constexpr std::uint64_t logLimitInBases = 4;
+constexpr const char* journalSuffix = ".journal";
 
 /// The file that carries the lock, and the journal beside it.
 class ContextFile {
@@ -31,18 +33,21 @@ class ContextFile {
   /// Completes an interrupted write. Throws std::runtime_error when the file cannot be read.
   explicit ContextFile(int descriptor);
 
-  std::string_view bytes() const noexcept { return {bytes_.get(), size_}; }
+  std::string_view bytes() const noexcept { return bytes_; }
   const std::string& path() const noexcept { return path_; }
   mode_t mode() const noexcept { return status_.mode & 0777; }
 
   void write(const PlistPieces& archive);
   void erase();
+  /// Spares this process's next use of the file to read it. Ends the use of this object.
+  void remember();
 
  private:
   void readStatusOfFile();
-  void readBytes();
+  bool resume();
+  void findJournal();
   void openJournal(int flags);
-  bool isLogCurrent();
+  bool isLogCurrent(const FileStatus& journal);
 
   void writeAhead(const PlistPieces& archive, const Delta& delta);
   bool isLogLong() const noexcept;
@@ -53,36 +58,60 @@ class ContextFile {
   bool overwrite(const PlistPieces& archive, const Delta& delta);
   bool putBack(const Delta& delta);
   void noteWritten();
+  void takeOver(const PlistPieces& archive, const Delta& delta);
 
   const int descriptor_;
   FileStatus status_;
   std::string path_;
-  std::unique_ptr<char[]> bytes_;
-  std::size_t size_ = 0;
+  std::string bytes_;
+  bool isKnown_ = false;  // the file has a time that nobody else gives it, and these bytes
 
   FileDescriptor journal_;
+  FileStatus journalFile_;  // which file that is
   bool isJournalNew_ = false;
   bool isCurrent_ = false;       // the log tells the file as it is: another record may follow
   JournalStatus log_;            // while `isCurrent_`
   std::uint64_t recordEnd_ = 0;  // of the write that is being made; 0: without a journal
+  std::int64_t time_ = 0;        // of modification that the file gets with it, in nanoseconds
 };
 
 ContextFile::ContextFile(int descriptor) : descriptor_(descriptor) {
   readStatusOfFile();
   if (!status_.isRegularFile()) throw std::runtime_error("not a regular file");
+  if (resume()) return;
   // A file that has been removed meanwhile belongs to its holder alone: what is written to it is gone with the close.
   if (status_.links != 0) {
     const auto path = descriptorPath(descriptor);
     if (!path) failContextFile("path of the file");
     path_ = *path;
-    openJournal(O_RDWR);
-    isCurrent_ = isLogCurrent();
+    findJournal();
     if (journal_ && !isCurrent_) {
       recoverContextFile(descriptor_, path_, journal_.get());
       readStatusOfFile();
     }
   }
-  readBytes();
+  bytes_ = readContextBytes(descriptor_, status_.size);
+}
+
+/// Goes on where this process left the file, when nobody has touched it, its name or its journal since.
+bool ContextFile::resume() {
+  auto written = takeWritten(status_);
+  if (!written) return false;
+  const auto named = fileStatus(written->path);
+  const auto journal = linkStatus(written->path + journalSuffix);
+  if (!named || !named->isSameFile(status_) || !journal || !journal->isSameFile(written->journalFile)) return false;
+  journal_ = std::move(written->journal);
+  journalFile_ = *journal;
+  isCurrent_ = isLogCurrent(*journal);
+  if (!isCurrent_) return false;
+  path_ = std::move(written->path);
+  bytes_ = std::move(written->bytes);
+  isKnown_ = true;
+  return true;
+}
+
+void ContextFile::remember() {
+  if (isKnown_) rememberWritten({status_, std::move(path_), std::move(bytes_), std::move(journal_), journalFile_});
 }
 
 void ContextFile::readStatusOfFile() {
@@ -91,26 +120,25 @@ void ContextFile::readStatusOfFile() {
   status_ = *status;
 }
 
-void ContextFile::readBytes() {
-  bytes_ = std::make_unique_for_overwrite<char[]>(status_.size);
-  const ssize_t count = readAt(descriptor_, bytes_.get(), status_.size, 0);
-  if (count < 0) failContextFile("read");
-  size_ = static_cast<std::size_t>(count);
+void ContextFile::findJournal() {
+  openJournal(O_RDWR);
+  if (!journal_) return;
+  const auto status = descriptorStatus(journal_.get());
+  if (!status || !status->isRegularFile()) {
+    journal_.reset();  // a pipe would block
+    return;
+  }
+  journalFile_ = *status;
+  isCurrent_ = isLogCurrent(*status);
 }
 
-void ContextFile::openJournal(int flags) { journal_ = openFile(path_ + ".journal", flags | O_NOFOLLOW, mode()); }
+void ContextFile::openJournal(int flags) { journal_ = openFile(path_ + journalSuffix, flags | O_NOFOLLOW, mode()); }
 
-bool ContextFile::isLogCurrent() {
-  if (!journal_) return false;
-  const auto journal = descriptorStatus(journal_.get());
-  if (!journal || !journal->isRegularFile()) {
-    journal_.reset();  // a pipe would block
-    return false;
-  }
+bool ContextFile::isLogCurrent(const FileStatus& journal) {
   const auto status = readStatus(journal_.get());
   if (!status || status->boot == 0 || status->boot != bootMark() || status->restoring != 0) return false;
   log_ = *status;
-  return journal->size == log_.logEnd && status_.inode == log_.inode && status_.size == log_.fileSize &&
+  return journal.size == log_.logEnd && status_.inode == log_.inode && status_.size == log_.fileSize &&
          status_.modifiedNanoseconds == log_.fileModified;
 }
 
@@ -127,17 +155,22 @@ void ContextFile::write(const PlistPieces& archive) {
     if (recordEnd_ != 0) failJournal("write");
     failContextFile("write");
   }
-  if (recordEnd_ != 0) noteWritten();
+  if (recordEnd_ == 0) return;
+  takeOver(archive, delta);
+  noteWritten();
 }
 
 void ContextFile::writeAhead(const PlistPieces& archive, const Delta& delta) {
   const bool isNewEpoch = !isCurrent_ || isLogLong();
   if (isNewEpoch && !beginEpoch()) return;
-  appendRecord(archive, delta, isNewEpoch || !delta.onlyPayloads);
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  time_ = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+  const bool isUnexpected = time_ < log_.fileModified || time_ > log_.fileModified + longestUnsyncedGap;
+  appendRecord(archive, delta, isNewEpoch || !delta.onlyPayloads || isUnexpected);
 }
 
 bool ContextFile::isLogLong() const noexcept {
-  return log_.logEnd > std::max<std::uint64_t>(smallestLogLimit, logLimitInBases * size_);
+  return log_.logEnd > std::max<std::uint64_t>(smallestLogLimit, logLimitInBases * bytes_.size());
 }
 
 /// False when there can be no journal.
@@ -153,6 +186,7 @@ bool ContextFile::beginEpoch() {
     isJournalNew_ = true;
     changeMode(journal_.get(), mode());
     changeOwner(journal_.get(), status_.user, status_.group);
+    journalFile_ = descriptorStatus(journal_.get()).value_or(FileStatus());
   } else if (!truncateFile(journal_.get(), 0) || !syncFileData(journal_.get())) {
     failContextFile("ftruncate of the journal");
   }
@@ -160,9 +194,9 @@ bool ContextFile::beginEpoch() {
   log_ = JournalStatus();
   log_.epoch = head.checksum;
   log_.boot = head.boot;
-  log_.logEnd = journalBaseAt + size_;
+  log_.logEnd = journalBaseAt + bytes_.size();
   log_.inode = status_.inode;
-  log_.fileSize = size_;
+  log_.fileSize = bytes_.size();
   log_.fileModified = status_.modifiedNanoseconds;
   if (!writeAt(journal_.get(), encodeStart(head, log_).append(bytes()), 0)) failJournal("write of the journal");
   return true;
@@ -170,7 +204,7 @@ bool ContextFile::beginEpoch() {
 
 void ContextFile::appendRecord(const PlistPieces& archive, const Delta& delta, bool sync) {
   const std::string record =
-      encodeRecord(delta, bytes(), archive, log_.epoch, log_.logEnd, status_.modifiedNanoseconds);
+      encodeRecord(delta, bytes(), archive, {log_.epoch, log_.logEnd, status_.modifiedNanoseconds, time_});
   if (!writeAt(journal_.get(), record, log_.logEnd)) failJournal("write of the journal");
   if (sync && !syncFileData(journal_.get())) failJournal("fdatasync of the journal");
   if (isJournalNew_ && !syncDirectory(path_.substr(0, path_.rfind('/') + 1))) failJournal("fsync of the folder");
@@ -202,18 +236,29 @@ bool ContextFile::putBack(const Delta& delta) {
   return std::ranges::all_of(delta.extents, putExtent) && truncateFile(descriptor_, delta.oldLength);
 }
 
+void ContextFile::takeOver(const PlistPieces& archive, const Delta& delta) {
+  std::string bytes;
+  for (const Extent& extent : delta.extents) {
+    bytes.clear();
+    appendRange(archive, extent.offset, extent.newLength, bytes);
+    bytes_.replace(extent.offset, extent.oldLength, bytes);
+  }
+}
+
 /// What is not noted here makes the next write begin an epoch, and no more.
 void ContextFile::noteWritten() {
+  isKnown_ = false;
   // The kernel's own time of modification stands still for some milliseconds: a foreign write within them could not be
   // told from this one. This time is none that the kernel gives.
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  setModified(descriptor_, std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
+  setModified(descriptor_, time_);
   const auto status = descriptorStatus(descriptor_);
   if (!status) return;
+  status_ = *status;
   log_.logEnd = recordEnd_;
-  log_.fileSize = status->size;
-  log_.fileModified = status->modifiedNanoseconds;
-  writeAt(journal_.get(), encodeStatus(log_), journalStatusAt);
+  log_.fileSize = status_.size;
+  log_.fileModified = status_.modifiedNanoseconds;
+  const bool noted = writeAt(journal_.get(), encodeStatus(log_), journalStatusAt);
+  isKnown_ = noted && status_.modifiedNanoseconds == time_;  // no file system of coarse times
 }
 
 void ContextFile::erase() {
@@ -252,14 +297,16 @@ int openContextFile(const std::string& path, bool exactMode) {
 PlistValue readContext(int descriptor) {
   PlistValue context;
   const auto reason = reasonOf([&] {
-    const ContextFile file(descriptor);
+    ContextFile file(descriptor);
     if (file.bytes().empty()) return;
     PlistError error;
     context = readPropertyList(file.bytes(), PlistForm::mutableContainers, &error);
-    if (context.isDictionary()) return;
-    keepAside(file.path(), file.bytes(), file.mode());  // the next write ends them
-    throw std::runtime_error(context.isNull() ? format("%s at byte %d", error.message, error.offset)
-                                              : std::string("the stored context is not a dictionary"));
+    if (context.isDictionary()) return file.remember();
+    std::string fault = context.isNull() ? format("%s at byte %d", error.message, error.offset)
+                                         : std::string("the stored context is not a dictionary");
+    // The next write ends them.
+    if (!file.path().empty() && !keepAside(file.path(), file.bytes(), file.mode())) fault += ", and is not kept aside";
+    throw std::runtime_error(fault);
   });
   if (reason) logNotice("[%d] exception in get_and_lock_context: %s\n", processId(), *reason);
   return context.isDictionary() ? context : PlistValue::mutableDictionary();
@@ -269,7 +316,9 @@ std::optional<std::string> writeContext(int descriptor, const PlistValue& contex
   return reasonOf([&] {
     const auto archive = writeBinaryPropertyListPieces(context);
     if (!archive) throw std::runtime_error("the context cannot be archived");
-    ContextFile(descriptor).write(*archive);
+    ContextFile file(descriptor);
+    file.write(*archive);
+    file.remember();
   });
 }
 

@@ -11,10 +11,8 @@ namespace ostrel::detail {
 namespace {
 
 struct RecordHead {
-  std::array<char, 8> magic{'o', 's', 't', 'r', 'e', 'l', 'j', 'r'};
-  std::uint64_t epoch = 0;
-  std::uint64_t position = 0;
-  std::int64_t modifiedBefore = 0;
+  std::array<char, 8> magic{'o', 's', 't', 'r', 'e', 'l', 'r', '2'};
+  RecordPlace place;
   std::uint64_t oldLength = 0;
   std::uint64_t newLength = 0;
   std::uint64_t extents = 0;
@@ -133,8 +131,8 @@ std::optional<JournalStatus> readStatus(int journal) {
   return whole ? std::optional(status) : std::nullopt;
 }
 
-std::string encodeRecord(const Delta& delta, std::string_view old, const PlistPieces& archive, std::uint64_t epoch,
-                         std::uint64_t position, std::int64_t modifiedBefore) {
+std::string encodeRecord(const Delta& delta, std::string_view old, const PlistPieces& archive,
+                         const RecordPlace& place) {
   RecordHead head;
   std::size_t size = sizeof head + delta.extents.size() * sizeof(Extent);
   for (const Extent& extent : delta.extents) size += extent.oldLength + extent.newLength;
@@ -146,9 +144,7 @@ std::string encodeRecord(const Delta& delta, std::string_view old, const PlistPi
     record += old.substr(extent.offset, extent.oldLength);
     appendRange(archive, extent.offset, extent.newLength, record);
   }
-  head.epoch = epoch;
-  head.position = position;
-  head.modifiedBefore = modifiedBefore;
+  head.place = place;
   head.oldLength = delta.oldLength;
   head.newLength = delta.newLength;
   head.extents = delta.extents.size();
@@ -174,15 +170,14 @@ std::optional<JournalRecord> JournalReplay::next() const {
   RecordHead head;
   if (position_ > size_ || size_ - position_ < sizeof head || !readBlock(journal_, position_, head))
     return std::nullopt;
-  if (head.epoch != head_.checksum || head.position != position_ || head.oldLength != content_.size() ||
+  if (head.place.epoch != head_.checksum || head.place.position != position_ || head.oldLength != content_.size() ||
       head.bodySize > size_ - position_ - sizeof head)
     return std::nullopt;
   std::string body;
   if (!readBytes(journal_, position_ + sizeof head, head.bodySize, body)) return std::nullopt;
   if (checksumOf(head, body) != head.checksum) return std::nullopt;
 
-  JournalRecord record{
-      head.modifiedBefore, head.oldLength, head.newLength, {}, position_ + sizeof head + head.bodySize};
+  JournalRecord record{head.place, head.oldLength, head.newLength, {}, position_ + sizeof head + head.bodySize};
   if (!decodeBody(body, head.extents, record)) return std::nullopt;
   const bool fits = std::ranges::all_of(record.changes, [&](const JournalRecord::Change& change) {
     return std::string_view(content_).substr(change.offset, change.oldBytes.size()) == change.oldBytes;

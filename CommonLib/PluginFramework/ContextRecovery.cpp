@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <optional>
 #include <stdexcept>
 #include <system_error>
@@ -14,8 +15,13 @@
 namespace ostrel::detail {
 namespace {
 
-// What a process writes is on the disk half a minute later, unless the kernel is told otherwise.
-constexpr std::int64_t writeBackTime = 120'000'000'000;  // nanoseconds
+// What a process writes is on the disk half a minute later, unless the kernel is told otherwise; twice that for a busy
+// disk.
+constexpr std::int64_t writeBackTime = 60'000'000'000;  // nanoseconds
+// The kernel gives a file that is being written times that differ from the one that the write gives it at its end.
+constexpr std::int64_t writingTime = 1'000'000'000;
+
+constexpr int mostKeptAside = 100;
 
 FileStatus statusOf(int descriptor) {
   const auto status = descriptorStatus(descriptor);
@@ -56,18 +62,23 @@ void finishInterruptedWrite(int file, JournalReplay replay, std::uint64_t logEnd
 /// The times of modification that the file had while the journal was written.
 class KnownTimes {
  public:
-  explicit KnownTimes(std::int64_t first) : times_{first}, latest_(first) {}
-  void addRecord(const JournalRecord& record) { times_.push_back(record.modifiedBefore); }
-  void addStatus(const JournalStatus& status) { latest_ = status.fileModified; }
-  /// Whether a file of that time is one of ours, or one whose last records were lost with the machine.
+  explicit KnownTimes(std::int64_t base) : times_{base} {}
+  void addRecord(const JournalRecord& record) {
+    times_.push_back(record.place.modifiedBefore);
+    times_.push_back(record.place.modifiedAfter);
+  }
+  void addStatus(const JournalStatus& status) { times_.push_back(status.fileModified); }
+  /// Whether a file of that time is one of ours, or one whose last records were lost with the machine: the first of
+  /// them was made within `longestUnsyncedGap` after the last time that is known, the others before anything was on the
+  /// disk.
   bool fit(std::int64_t time) const {
-    const std::int64_t latest = std::max(times_.back(), latest_);
-    return std::ranges::find(times_, time) != times_.end() || (time > times_.back() && time <= latest + writeBackTime);
+    const std::int64_t latest = times_.back();
+    if (time > latest && time <= latest + longestUnsyncedGap + writeBackTime) return true;
+    return std::ranges::any_of(times_, [&](std::int64_t known) { return std::abs(time - known) <= writingTime; });
   }
 
  private:
   std::vector<std::int64_t> times_;
-  std::int64_t latest_;
 };
 
 void restore(int file, const JournalReplay& replay, int journal, JournalStatus status) {
@@ -87,7 +98,7 @@ void settleAfterRestart(int file, const std::string& path, int journal, JournalR
     known.addRecord(*record);
     replay.apply(*record);
   }
-  if (status) known.addStatus(*status);
+  if (status && status->logEnd > replay.position()) known.addStatus(*status);  // of a record that was lost
   const FileStatus now = statusOf(file);
   const std::string bytes = readContextBytes(file, now.size);
   if (bytes != replay.content()) {
@@ -95,7 +106,7 @@ void settleAfterRestart(int file, const std::string& path, int journal, JournalR
     const bool asTheMachineLeftIt =
         now.changedNanoseconds < HostBoot::current().startedNanoseconds() && known.fit(now.modifiedNanoseconds);
     if (restoring || asTheMachineLeftIt) {
-      if (!restoring) keepAside(path, bytes, now.mode & 0777);
+      if (!restoring && !keepAside(path, bytes, now.mode & 0777)) failContextFile("keeping the file found");
       restore(file, replay, journal, status.value_or(JournalStatus()));
     }
   }
@@ -116,12 +127,18 @@ std::string readContextBytes(int descriptor, std::uint64_t size) {
   return bytes;
 }
 
-void keepAside(const std::string& path, std::string_view bytes, mode_t mode) {
-  const std::string aside = path + ".unreadable";
-  if (path.empty() || fileExists(aside)) return;
+bool keepAside(const std::string& path, std::string_view bytes, mode_t mode) {
   AtomicWriteOptions options;
   options.mode = mode;
-  writeFileAtomically(aside, bytes, options);
+  for (int number = 1; number <= mostKeptAside; ++number) {
+    const std::string aside = path + ".unreadable" + (number == 1 ? std::string() : format(".%d", number));
+    const auto status = linkStatus(aside);
+    if (!status) return errno == ENOENT && writeFileAtomically(aside, bytes, options);
+    if (!status->isRegularFile() || status->size != bytes.size()) continue;
+    if (readWholeFile(aside, bytes.size()) == bytes) return true;
+  }
+  errno = EEXIST;
+  return false;
 }
 
 void recoverContextFile(int file, const std::string& path, int journal) {

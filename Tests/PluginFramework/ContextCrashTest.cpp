@@ -224,15 +224,19 @@ TEST(ContextCrash, AMachineStoppedAtAnyStepLeavesTheOldOrTheNewContext) {
   const ScopedOverride<HostBoot> bootOverride(boot);
   const struct {
     PlistValue payload;
-    bool synced;  // a sample is not
-  } versions[] = {{text('a', 3000), true},   {text('b', 3000), true}, {text('c', 9000), true}, {text('d', 700), true},
-                  {sampled('1'), true},      {sampled('2'), false},   {sampled('3'), false},   {sampled('4'), false},
-                  {text('f', 20'000), true}, {sampled('5'), true},    {sampled('6'), false},   {text('g', 15), true}};
+    bool synced;  // a sample soon after another write is not
+    int second;   // the clock is set, too
+  } versions[] = {{text('a', 3000), true, 0},   {text('b', 3000), true, 3'600}, {text('c', 9000), true, 7'200},
+                  {text('d', 700), true, 100},  {sampled('1'), true, 7'200},    {sampled('2'), false, 7'260},
+                  {sampled('3'), false, 7'330}, {sampled('4'), true, 10'000},   {text('f', 20'000), true, 10'010},
+                  {sampled('5'), true, 30'000}, {sampled('6'), true, 20'000},   {text('g', 15), true, 20'001},
+                  {sampled('7'), true, 20'002}, {sampled('8'), false, 20'060},  {sampled('9'), false, 20'140}};
   std::vector<FileChange> changes;
   std::vector<std::size_t> ends;  // how many changes there were after each version
   std::vector<std::int64_t> times;
   SystemCallTrap::record = &changes;
   for (const auto& version : versions) {
+    SystemCallTrap::secondsAhead = version.second;
     store(version.payload);
     ends.push_back(changes.size());
     times.push_back(modifiedOf(file));
@@ -241,6 +245,7 @@ TEST(ContextCrash, AMachineStoppedAtAnyStepLeavesTheOldOrTheNewContext) {
     setModifiedOf(file, times.back());  // no longer what the journal noted: the next write begins an epoch
   }
   SystemCallTrap::record = nullptr;
+  SystemCallTrap::secondsAhead = 0;
 
   std::map<std::string, int> outcomes;
   std::mt19937 random(1);
@@ -250,12 +255,18 @@ TEST(ContextCrash, AMachineStoppedAtAnyStepLeavesTheOldOrTheNewContext) {
     while (current + 1 < ends.size() && ends[current] < count) ++current;
     if (count > 0 && changes[count - 1].kind == FileChange::Kind::syncAll && changes[count - 1].path == file)
       oldestTime = current == 0 ? 0 : current - 1;
+    const auto begin = changes.begin() + static_cast<std::ptrdiff_t>(current == 0 ? 0 : ends[current - 1]);
+    const bool overwriting =
+        std::any_of(begin, changes.begin() + static_cast<std::ptrdiff_t>(count), [&](const auto& c) {
+          return c.path == file && (c.kind == FileChange::Kind::write || c.kind == FileChange::Kind::truncate);
+        });
+    const std::size_t newestTime = std::max(oldestTime, overwriting || current == 0 ? current : current - 1);
     for (unsigned seed = 0; seed < 6; ++seed) {
       Disk disk(seed);
       for (std::size_t i = 0; i < count; ++i) disk.apply(changes[i]);
       for (const char* suffix : {"", ".journal"}) std::filesystem::remove(file + suffix);
       disk.restore(file);
-      if (count > 0) setModifiedOf(file, times[oldestTime + random() % (current + 1 - oldestTime)]);
+      if (count > 0) setModifiedOf(file, times[oldestTime + random() % (newestTime + 1 - oldestTime)]);
       boot.restart();
       const PlistValue left = load();
       boot.first();
@@ -320,6 +331,29 @@ TEST(ContextCrash, AfterARestartOnlyWhatTheMachineLeftIsRestored) {
     }
     store(text('z', 10));
     EXPECT_EQ(load(), text('z', 10)) << what;
+  }
+
+  // Failing at each of its steps, it is done later, and the bytes found are not lost.
+  for (int step = 1;; ++step) {
+    boot.first();
+    for (const char* kept : {".unreadable", ".unreadable.2"}) std::filesystem::remove(file + kept);
+    testing::writeFile(file + ".unreadable", "another");
+    testing::writeFile(file, mixture);
+    testing::writeFile(file + ".journal", journal);
+    setModifiedOf(file, written);
+    boot.restart();
+    SystemCallTrap::changes = 0;
+    SystemCallTrap::tear = true;
+    SystemCallTrap::failAt = step;
+    load();
+    const bool reached = SystemCallTrap::changes >= step;
+    SystemCallTrap::failAt = 0;
+    SystemCallTrap::tear = false;
+    load();
+    ASSERT_EQ(testing::readFile(file), second) << step;
+    ASSERT_EQ(testing::readFile(file + ".unreadable"), "another");
+    ASSERT_EQ(testing::readFile(file + ".unreadable.2"), mixture) << step;
+    if (!reached) break;
   }
 
   // Ended at each of its steps, a restoration is begun again.

@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <array>
@@ -61,14 +62,15 @@ int ftruncate(int descriptor, off_t length) noexcept {
   return allowed(change, nothing) ? static_cast<int>(syscall(SYS_ftruncate, descriptor, length)) : -1;
 }
 
+// Nothing is really synced: no test stops the machine, and a disk takes its time.
 int fdatasync(int descriptor) {
   const auto change = [&] { return FileChange{FileChange::Kind::sync, pathOf(descriptor), 0, {}}; };
-  return allowed(change, nothing) ? static_cast<int>(syscall(SYS_fdatasync, descriptor)) : -1;
+  return allowed(change, nothing) ? 0 : -1;
 }
 
 int fsync(int descriptor) {
   const auto change = [&] { return FileChange{FileChange::Kind::syncAll, pathOf(descriptor), 0, {}}; };
-  return allowed(change, nothing) ? static_cast<int>(syscall(SYS_fsync, descriptor)) : -1;
+  return allowed(change, nothing) ? 0 : -1;
 }
 
 int open(const char* path, int flags, ...) {
@@ -95,6 +97,12 @@ int fstat(int descriptor, struct stat* status) noexcept {
     return -1;
   }
   return static_cast<int>(syscall(SYS_fstat, descriptor, status));
+}
+
+int clock_gettime(clockid_t clock, struct timespec* time) noexcept {
+  const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+  if (clock == CLOCK_REALTIME) time->tv_sec += Trap::secondsAhead;
+  return result;
 }
 
 }  // extern "C"

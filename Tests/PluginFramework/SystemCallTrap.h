@@ -32,6 +32,8 @@ struct SystemCallTrap {
   static inline std::atomic<int> locks = 0;
   /// The next fstat fails with EIO.
   static inline std::atomic<bool> failStatus = false;
+  /// How many seconds the clock of the day is ahead of the machine's.
+  static inline std::atomic<int> secondsAhead = 0;
 };
 
 }  // namespace ostrel::testing

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <span>
 #include <string_view>
 
 #include "Containers/PlistValue.h"
@@ -153,6 +154,9 @@ class PlistStorage {
   static PlistValue makeArray(PlistValue* members, std::size_t count, bool isMutable, PlistArena& arena);
   static PlistValue makeDictionary(PlistValue* keysAndValues, std::size_t count, bool isMutable, Keys keys,
                                    PlistArena& arena);
+  /// As `PlistRows::add`.
+  static PlistValue makeRow(std::span<const PlistValue> keys, std::span<const std::uint64_t> numbers,
+                            std::uint64_t absent, PlistArena& arena);
 
   /// Another handle on a value that only this thread can reach, without an atomic step.
   static PlistValue shareUnpublished(const PlistValue& value) noexcept {

@@ -15,7 +15,8 @@ namespace ostrel::detail {
 // the new length. Before that, the change goes to the log "FILE.journal" (its format: ContextJournal.h):
 //
 //   an epoch begins   sync the file and its time; empty the journal and sync it; put the whole file there as the base
-//   each write        append a record: which stretches are replaced, by what, and what they held before
+//   each write        append a record: which stretches are replaced, by what, and what they held before,
+//                     with the time of modification that the file is going to get
 //                     sync the journal, if the write is one that is synced (below)
 //                     overwrite those stretches of the file; not synced: the log can repeat it
 //                     note in the journal's status how far the file has come, and its time and size
@@ -24,10 +25,11 @@ namespace ostrel::detail {
 // file is not as the status says: somebody else wrote it. Records are made from the bytes that the file really holds.
 //
 // Which writes are synced: all but those that change nothing but bytes within data values of unchanged length, such as
-// samples taken into a history. Settings are made by people, seldom, and must be there after a power failure once the
-// lock is given up. Samples are made by clocks, for ever: a sync each would cost ten times the rest of the write and
-// wear the disk, to save the last half minute of a graph. They are whole or absent all the same, and are on the disk
-// with the next synced write, the next epoch, or when the kernel writes them back.
+// samples taken into a history, within 90 seconds after the write before. Settings are made by people, seldom, and must
+// be there after a power failure once the lock is given up. Samples are made by clocks, for ever: a sync each would
+// cost ten times the rest of the write and wear the disk, to save the last half minute of a graph. They are whole or
+// absent all the same, and are on the disk with the next synced write, the next epoch, or when the kernel writes them
+// back.
 //
 // What happens after a crash, whenever somebody reads or writes the file with the lock held:
 //
@@ -36,12 +38,16 @@ namespace ostrel::detail {
 //   record is put in place or, where the disk has no room for it, taken back.
 // - The machine was started anew: the file and the unsynced end of the log are what the disk happened to get. The last
 //   content that the log tells without a gap is restored, and the bytes found are kept as "FILE.unreadable", if nobody
-//   has touched the file since the start and its time is one that the log knows or the two minutes after it. Then the
-//   journal is emptied.
+//   has touched the file since the start and its time is one that the log knows or within 150 seconds after the last of
+//   them. (A lost write came at most 90 seconds after one that the log knows, or it would have been synced; others
+//   followed until the kernel wrote the first of them back.) Then the journal is emptied.
 // - In every other case the file is a whole context that somebody put there, and is left alone.
 //
 // The journal stays, to be used by the next write. It has the mode of the file, since it holds the same data, and its
 // owner where the writer may give that.
+//
+// A process remembers what it wrote last, and keeps the journal open: when file, journal and their names are as it left
+// them, its next write need not read the file. The time that each write gives the file tells it from every other.
 //
 // Threads: every function may be called from any thread; the caller holds the file's lock. Each may block on the disk.
 
@@ -56,7 +62,7 @@ int openContextFile(const std::string& path, bool exactMode);
 
 /// The context in the file, a mutable dictionary: an empty one for an empty file, and for one that cannot be read as a
 /// context, which is logged as "[%d] exception in get_and_lock_context: %s\n". Bytes that cannot be read are kept as
-/// "FILE.unreadable" (the first of them, until somebody removes it), since the next write ends them.
+/// "FILE.unreadable" (".unreadable.2" and so on while there are others), since the next write ends them.
 PlistValue readContext(int descriptor);
 
 /// Archives the context and writes it as described above. Absent on success; otherwise the reason in words, and the

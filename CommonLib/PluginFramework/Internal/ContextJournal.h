@@ -27,7 +27,7 @@ inline constexpr std::size_t journalStatusAt = 512;
 inline constexpr std::size_t journalBaseAt = 1024;
 
 struct JournalHead {
-  std::array<char, 8> magic{'o', 's', 't', 'r', 'e', 'l', 'j', 'h'};
+  std::array<char, 8> magic{'o', 's', 't', 'r', 'e', 'l', 'h', '2'};
   std::uint64_t boot = 0;  ///< the run of the machine (see `bootMark`)
   std::uint64_t baseLength = 0;
   std::int64_t baseModified = 0;  ///< the file's time of modification then, in nanoseconds
@@ -47,6 +47,10 @@ struct JournalStatus {
   std::uint64_t checksum = 0;
 };
 
+/// A write whose time is further from the one before it is always synced, so that the journal on the disk tells it; so
+/// is one of an earlier time.
+inline constexpr std::int64_t longestUnsyncedGap = 90'000'000'000;  // nanoseconds
+
 /// Stands for this run of the machine; 0 when the kernel does not name it.
 std::uint64_t bootMark();
 
@@ -57,22 +61,30 @@ std::string encodeStatus(JournalStatus status);
 /// Absent when there is none or it is not whole.
 std::optional<JournalStatus> readStatus(int journal);
 
+/// Where in a journal, and at which times of the file, a record stands.
+struct RecordPlace {
+  std::uint64_t epoch = 0;
+  std::uint64_t position = 0;
+  std::int64_t modifiedBefore = 0;  ///< the file's time of modification before the write, in nanoseconds
+  std::int64_t modifiedAfter = 0;   ///< the one that the write gives it
+};
+
 /// One write: what it replaced by what.
 struct JournalRecord {
   struct Change {
     std::uint64_t offset = 0;
     std::string oldBytes, newBytes;
   };
-  std::int64_t modifiedBefore = 0;  ///< the file's time of modification before the write
-  std::uint64_t oldLength = 0;      ///< of the file
+  RecordPlace place;
+  std::uint64_t oldLength = 0;  ///< of the file
   std::uint64_t newLength = 0;
   std::vector<Change> changes;
   std::uint64_t end = 0;  ///< where the next record begins
 };
 
-/// The record of writing `archive` over `old`, to stand at `position` in the journal of `epoch`.
-std::string encodeRecord(const Delta& delta, std::string_view old, const PlistPieces& archive, std::uint64_t epoch,
-                         std::uint64_t position, std::int64_t modifiedBefore);
+/// The record of writing `archive` over `old`.
+std::string encodeRecord(const Delta& delta, std::string_view old, const PlistPieces& archive,
+                         const RecordPlace& place);
 
 /// Steps through the contents that a journal tells, from its base on.
 class JournalReplay {

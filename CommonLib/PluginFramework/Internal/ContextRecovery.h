@@ -15,8 +15,9 @@ namespace ostrel::detail {
 /// All bytes of an open file. Throws as above.
 std::string readContextBytes(int descriptor, std::uint64_t size);
 
-/// Keeps bytes as "FILE.unreadable", readable by whom `mode` says, unless there is such a file already.
-void keepAside(const std::string& path, std::string_view bytes, mode_t mode);
+/// Keeps bytes as "FILE.unreadable", readable by whom `mode` says, or as ".unreadable.2" and so on up to 100 where such
+/// a file holds others. False, with errno, when they are not kept.
+bool keepAside(const std::string& path, std::string_view bytes, mode_t mode);
 
 /// Completes what the journal tells to be interrupted: a write in this run of the machine, or whatever was not on the
 /// disk when the machine stopped. Leaves alone a file that somebody else wrote. Requires: the caller holds the file's
