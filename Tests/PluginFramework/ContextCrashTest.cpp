@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <random>
 #include <string>
@@ -371,6 +372,53 @@ TEST(ContextCrash, AfterARestartOnlyWhatTheMachineLeftIsRestored) {
     EXPECT_EQ(testing::readFile(file), second) << step;
   }
   EXPECT_GE(steps, 5);
+}
+
+TEST(ContextCrash, AProcessSeesWhatOthersDidBetweenItsWrites) {
+  const auto inPlace = [](const std::string& path, const std::string& bytes) {
+    writeAt(openFile(path, O_RDWR).get(), bytes, 0);
+  };
+  const auto replace = [](const std::string& path, const std::string& bytes) {
+    testing::writeFile(path + ".new", bytes);
+    std::filesystem::rename(path + ".new", path);
+  };
+  using Deed = std::function<void(const std::string& file, const std::string& other)>;
+  const std::pair<const char*, Deed> deeds[] = {
+      {"nothing", [](const auto&, const auto&) {}},
+      {"the file overwritten", inPlace},
+      {"the file replaced", replace},
+      {"the journal removed", [](const auto& file, const auto&) { std::filesystem::remove(file + ".journal"); }},
+      {"the journal replaced",
+       [&](const auto& file, const auto&) { replace(file + ".journal", testing::readFile(file + ".journal")); }},
+  };
+  for (const auto& [what, deed] : deeds) {
+    const HostFixture host;
+    const std::string file = host.lockFile("dns");
+    FakeBoot boot;
+    const ScopedOverride<HostBoot> bootOverride(boot);
+    store(sampled('1'));
+    const std::string other = testing::readFile(file);
+    store(sampled('2'));
+    store(sampled('3'));
+    deed(file, other);
+    store(sampled('4'));
+    const std::string written = testing::readFile(file);
+    const std::int64_t time = modifiedOf(file);
+    inPlace(file, other.substr(0, 1000));
+    setModifiedOf(file, time);
+    boot.restart();
+    EXPECT_EQ(load(), sampled('4')) << what;
+    EXPECT_EQ(testing::readFile(file), written) << what << ": the log tells the file as it was";
+  }
+  const HostFixture host;
+  store("kept");
+  std::filesystem::rename(host.lockFile("dns"), host.lockFile("renamed"));
+  int descriptor = -1;
+  PlistValue context = get_and_lock_context("renamed", &descriptor);
+  context.set("contextDirty", true);
+  context.set("payload", "more");
+  set_and_unlock_context(&descriptor, &context);
+  EXPECT_TRUE(std::filesystem::exists(host.lockFile("renamed") + ".journal"));
 }
 
 TEST(ContextCrash, WithoutANameForTheRunOfTheMachineEveryWriteIsSynced) {

@@ -63,6 +63,7 @@ class StopSignals {
     for (const int number : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&set_, number);
     pthread_sigmask(SIG_BLOCK, &set_, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);  // a limit of file sizes then fails the write, which is told
   }
 
   /// True when the daemon was told to stop within this time.
