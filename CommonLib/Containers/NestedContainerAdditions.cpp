@@ -68,10 +68,14 @@ const PlistValue* findNestedObject(const PlistValue& root, std::string_view path
   return current;
 }
 
-ContainerSet::ContainerSet(const PlistValue& value) {
+namespace {
+
+/// Calls `enters` for the value and what is below it: containers for which it is true are walked through.
+template <class Enters>
+void walkContainers(const PlistValue& value, Enters enters) {
   std::vector<const PlistValue*> open;
   const auto visit = [&](const PlistValue& member) {
-    if (isContainer(member) && members_.insert(PlistStorage::identity(member)).second) open.push_back(&member);
+    if (isContainer(member) && enters(PlistStorage::identity(member))) open.push_back(&member);
   };
   for (visit(value); !open.empty();) {
     const PlistValue& container = *open.back();
@@ -79,6 +83,20 @@ ContainerSet::ContainerSet(const PlistValue& value) {
     for (const PlistEntry& entry : container.entries()) visit(entry.value);
     for (const PlistValue& element : container.elements()) visit(element);
   }
+}
+
+}  // namespace
+
+ContainerSet::ContainerSet(const PlistValue& value) {
+  walkContainers(value, [this](const void* container) {
+    const bool isNew = members_.insert(container).second;
+    isTree_ = isTree_ && isNew;
+    return isNew;
+  });
+}
+
+void ContainerSet::handOver(const PlistValue& part) {
+  if (isTree_) walkContainers(part, [this](const void* container) { return members_.erase(container) != 0; });
 }
 
 }  // namespace detail

@@ -31,21 +31,38 @@ bool marks(const PlistValue& update, std::string_view marker) noexcept {
   return mark != nullptr && mark->boolValue();
 }
 
+/// The parent of the value at a path, and the last component, which lives as long as the scanner; nullptr where there
+/// is none.
+const PlistValue* findParent(const PlistValue& root, ComponentScanner& path, std::string_view& last) {
+  if (!isMutableDictionary(root) || !path.next(last)) return nullptr;
+  const PlistValue* parent = &root;
+  bool isAtStart = true;  // empty components there vanish when the parent's path is joined
+  for (std::string_view component; parent != nullptr && path.next(component); last = component) {
+    isAtStart = isAtStart && last.empty();
+    if (!isAtStart) parent = findObject(*parent, last);
+  }
+  return parent;
+}
+
 }  // namespace
 
-bool putObject(const PlistValue& array, const PlistValue& value, std::string_view key) {
+bool putObject(const PlistValue& array, const PlistValue& value, std::string_view key, KeyIndex* index) {
   if (!array.isArray() || !array.isMutable() || !isMutableDictionary(value) || key.data() == nullptr) return false;
   // Value and key may live in the element that is removed.
   const PlistValue taken = value;
   const PlistValue id = key;
-  writable(array).removeObjectForKey(id.stringValue());
-  return appendObject(array, taken, id);
+  if (index == nullptr) {
+    writable(array).removeObjectForKey(id.stringValue());
+  } else {
+    index->remove(id.stringValue());
+  }
+  return appendObject(array, taken, id, index);
 }
 
-bool appendObject(const PlistValue& array, PlistValue value, const PlistValue& id) {
+bool appendObject(const PlistValue& array, PlistValue value, const PlistValue& id, KeyIndex* index) {
   const PlistValue* known = elementKey(value);
   if (known == nullptr || *known != id) value.set("_id_", id);
-  return writable(array).append(std::move(value));
+  return index == nullptr ? writable(array).append(std::move(value)) : index->append(value);
 }
 
 bool store(const PlistValue& parent, const LastComponent& last, const PlistValue& value, const ContainerSet* sources) {
@@ -62,13 +79,7 @@ bool store(const PlistValue& parent, const LastComponent& last, const PlistValue
 bool storeNested(const PlistValue& root, std::string_view path, const PlistValue& value, const ContainerSet* sources) {
   ComponentScanner scanner(path, pathSeparator);
   std::string_view last;
-  if (!isMutableDictionary(root) || !scanner.next(last)) return false;
-  const PlistValue* parent = &root;
-  bool isAtStart = true;  // empty components there vanish when the parent's path is joined
-  for (std::string_view component; parent != nullptr && scanner.next(component); last = component) {
-    isAtStart = isAtStart && last.empty();
-    if (!isAtStart) parent = findObject(*parent, last);
-  }
+  const PlistValue* parent = findParent(root, scanner, last);
   return parent != nullptr && store(*parent, {last}, value, sources);
 }
 
@@ -83,7 +94,7 @@ bool Merge::into(const PlistValue& existing) {
 }
 
 bool Merge::update(const PlistValue& array, std::string_view key, bool replace) {
-  updateOne(array, source_, key, replace);
+  updateOne(array, source_, key, replace, nullptr);
   return run();
 }
 
@@ -103,7 +114,7 @@ void Merge::step() {
     // All elements take part; the answer is the last one's.
     if (frame.next == frame.elements.size()) return frames_.pop_back();
     const PlistValue& update = frame.elements[frame.next++];
-    return updateOne(frame.target, update, elementKey(update)->stringValue(), false);
+    return updateOne(frame.target, update, elementKey(update)->stringValue(), false, frame.index.get());
   }
   if (!result_ || frame.next == frame.entries.size()) return frames_.pop_back();
   const PlistEntry& entry = frame.entries[frame.next++];
@@ -120,7 +131,20 @@ void Merge::setOne(const PlistValue& root, const PlistValue& value, std::string_
       return mergeOne(*existing, value);
     }
   }
-  result_ = storeNested(root, path, value, &sources_);
+  result_ = storeOne(root, path, value);
+}
+
+bool Merge::storeOne(const PlistValue& root, std::string_view path, const PlistValue& value) {
+  ComponentScanner scanner(path, pathSeparator);
+  std::string_view last;
+  const PlistValue* parent = findParent(root, scanner, last);
+  if (parent == nullptr) return false;
+  const auto change = [&] { return store(*parent, {last}, value, &sources_); };
+  // An array writes the key into the value.
+  const bool isStored =
+      parent->isArray() || last == "_id_" ? changeKey(frames_, parent->isArray() ? value : *parent, change) : change();
+  if (isStored && !frames_.empty()) sources_.handOver(value);
+  return isStored;
 }
 
 void Merge::mergeOne(const PlistValue& existing, const PlistValue& value) {
@@ -128,7 +152,9 @@ void Merge::mergeOne(const PlistValue& existing, const PlistValue& value) {
   if (!result_ || existing.isIdentical(value)) return;
   if (value.isDictionary()) return pushEntries(existing, value, false);
   result_ = existing.count() == 0 || existing.isArrayOfDictionaries();
-  if (result_) frames_.push_back({existing, {}, value.elements(), true, false});
+  if (!result_) return;
+  frames_.push_back({existing, {}, value.elements(), true, false});
+  if (value.count() >= KeyIndex::worthwhile) frames_.back().index = std::make_unique<KeyIndex>(existing);
 }
 
 void Merge::pushEntries(const PlistValue& target, const PlistValue& value, bool replace) {
@@ -136,28 +162,32 @@ void Merge::pushEntries(const PlistValue& target, const PlistValue& value, bool 
   if (!target.isIdentical(value)) frames_.push_back({target, value.entries(), {}, false, replace});
 }
 
-void Merge::updateOne(const PlistValue& array, const PlistValue& update, std::string_view key, bool replace) {
+void Merge::updateOne(const PlistValue& array, const PlistValue& update, std::string_view key, bool replace,
+                      KeyIndex* index) {
   result_ = false;
   if (!array.isArray() || !array.isMutable() || !update.isDictionary() || key.data() == nullptr) return;
-  const PlistValue* existing = findObject(array, key);
+  const PlistValue* existing = index == nullptr ? findObject(array, key) : index->find(key);
   if (existing == nullptr) {
-    result_ = marks(update, "_newid_") && create(array, update, key);
+    result_ = marks(update, "_newid_") && create(array, update, key, index);
   } else if (marks(update, "_obsoleteid_")) {
-    result_ = remove(array, key);
+    result_ = remove(array, key, index);
   } else {
     pushEntries(*existing, update, replace);
   }
 }
 
-bool Merge::create(const PlistValue& array, const PlistValue& update, std::string_view key) const {
+bool Merge::create(const PlistValue& array, const PlistValue& update, std::string_view key, KeyIndex* index) {
   if (sources_.holds(array)) return false;
   PlistValue made = update.mutableCopy();
   made.remove("_newid_");
-  return appendObject(array, std::move(made), key);
+  if (!appendObject(array, made, key, index)) return false;
+  for (const PlistEntry& entry : made.entries()) sources_.handOver(entry.value);
+  return true;
 }
 
-bool Merge::remove(const PlistValue& array, std::string_view key) const {
-  return !sources_.holds(array) && writable(array).removeObjectForKey(key);
+bool Merge::remove(const PlistValue& array, std::string_view key, KeyIndex* index) const {
+  if (sources_.holds(array)) return false;
+  return index == nullptr ? writable(array).removeObjectForKey(key) : index->remove(key);
 }
 
 }  // namespace detail

@@ -1,4 +1,5 @@
 // Copying what key paths select into another tree.
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -12,6 +13,7 @@ namespace ostrel {
 namespace {
 
 using detail::isContainer;
+using detail::KeyIndex;
 
 /// One application of a path. Members are copied down before anything is written, because the target may be part of
 /// the source; depth costs no stack.
@@ -39,7 +41,7 @@ class SelectiveCopy {
       const auto [key, value] = level.members[level.next++];
       const Target into = level.target;
       const std::size_t component = level.component;
-      if (const auto below = take(level.source, key.stringValue(), value, into, component)) {
+      if (const auto below = take(level.source, key.stringValue(), value, into, component, level.index.get())) {
         walk(value, *below, component + 1);
       }
     }
@@ -57,6 +59,7 @@ class SelectiveCopy {
     std::vector<std::pair<PlistValue, PlistValue>> members;
     Target target;
     std::size_t component;
+    std::unique_ptr<KeyIndex> index;  // of a target array into which many members go
     std::size_t next = 0;
   };
 
@@ -64,17 +67,24 @@ class SelectiveCopy {
     while (component < components_.size() && (source.isDictionary() || source.isArrayOfDictionaries())) {
       const std::string& key = components_[component];
       if (key == "*") {
-        levels_.push_back({source, membersOf(source), std::move(target), component});
-        return;
+        return pushLevel(source, std::move(target), component);
       }
       PlistValue value = source.objectForKey(key);
       if (value.isNull()) return;
-      auto below = take(source, key, value, target, component);
+      auto below = take(source, key, value, target, component, nullptr);
       if (!below) return;
       source = std::move(value);
       target = std::move(*below);
       ++component;
     }
+  }
+
+  void pushLevel(const PlistValue& source, Target target, std::size_t component) {
+    auto members = membersOf(source);
+    const PlistValue& array = target.container;
+    const bool isIndexed = members.size() >= KeyIndex::worthwhile && array.isArray() && array.isMutable();
+    auto index = isIndexed ? std::make_unique<KeyIndex>(array) : nullptr;
+    levels_.push_back({source, std::move(members), std::move(target), component, std::move(index)});
   }
 
   static std::vector<std::pair<PlistValue, PlistValue>> membersOf(const PlistValue& source) {
@@ -87,30 +97,45 @@ class SelectiveCopy {
 
   /// Copies the value where the path ends here; otherwise gives the container in which the path goes on.
   std::optional<Target> take(const PlistValue& source, std::string_view key, const PlistValue& value,
-                             const Target& into, std::size_t component) {
+                             const Target& into, std::size_t component, KeyIndex* index) {
     if (component + 1 == components_.size() && !endsEmpty_) {
-      found_ = put(source, key, value, into) || found_;
+      found_ = put(source, key, value, into, index) || found_;
       return std::nullopt;
     }
     if (!isContainer(value)) return std::nullopt;
-    return descend(key, value, into);
+    return descend(key, value, into, index);
   }
 
-  static bool put(const PlistValue& source, std::string_view key, const PlistValue& value, const Target& into) {
+  bool put(const PlistValue& source, std::string_view key, const PlistValue& value, const Target& into,
+           KeyIndex* index) const {
     if (!into.container.isMutable()) return false;
     if (into.container.isIdentical(source)) return true;  // it has the value already; an array's order stays
     if (!into.isPrivate && isContainer(value) && detail::ContainerSet(value).holds(into.container)) return false;
     PlistValue container = into.container;
-    if (container.isDictionary()) return container.set(key, value);
-    detail::putObject(container, value, key);
-    return true;  // also for an immutable element, which is not copied
+    const auto change = [&] {
+      if (container.isDictionary()) return container.set(key, value);
+      detail::putObject(container, value, key, index);
+      return true;  // also for an immutable element, which is not copied
+    };
+    // An array writes the key into the value.
+    if (container.isArray() || key == "_id_") {
+      return detail::changeKey(levels_, container.isArray() ? value : container, change);
+    }
+    return change();
   }
 
-  static std::optional<Target> descend(std::string_view key, const PlistValue& value, const Target& into) {
-    const PlistValue* existing = detail::findObject(into.container, key);
+  static const PlistValue* findIn(const PlistValue& container, std::string_view key, const KeyIndex* index) {
+    return index == nullptr ? detail::findObject(container, key) : index->find(key);
+  }
+
+  static std::optional<Target> descend(std::string_view key, const PlistValue& value, const Target& into,
+                                       KeyIndex* index) {
+    const PlistValue* existing = findIn(into.container, key, index);
     if (existing == nullptr) {
       const PlistValue made = value.isArray() ? PlistValue::mutableArray() : PlistValue::mutableDictionary();
-      if (!hang(made, into.container, key)) return std::nullopt;
+      if (!hang(made, into.container, key, index)) return std::nullopt;
+      // An array that holds other elements than keyed ones does not find it.
+      if (into.container.isArray() && findIn(into.container, key, index) == nullptr) return std::nullopt;
       return Target{made, into.isPrivate};
     }
     // What only a private container holds is private too.
@@ -118,10 +143,10 @@ class SelectiveCopy {
   }
 
   /// Where nothing is found under the key.
-  static bool hang(const PlistValue& made, PlistValue container, std::string_view key) {
+  static bool hang(const PlistValue& made, PlistValue container, std::string_view key, KeyIndex* index) {
     if (container.isDictionary()) return container.set(key, made);
     return container.isArray() && container.isMutable() && made.isDictionary() &&
-           detail::appendObject(container, made, key);
+           detail::appendObject(container, made, key, index);
   }
 
   std::vector<std::string> components_;

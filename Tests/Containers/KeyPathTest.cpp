@@ -202,6 +202,64 @@ TEST(KeyPath, UpdatesElementsByTheirMarkers) {
   EXPECT_FALSE(root.updateWithDictionary("text"));
   EXPECT_FALSE(root.updateWithDictionary(tree(R"({"b": 2, "x:y": 3, "c": 4})")));
   EXPECT_EQ(root, tree(R"({"a": 1, "b": 2})"));
+
+  // What one member put there, the next may change.
+  EXPECT_TRUE(root.updateWithDictionary(tree(R"({"n": {"x": 1, "l": [{"_id_": "k"}]}, "n:y": 2, "n:x": 3,
+      "n:l": [{"_id_": "m", "_newid_": true, "d": {}}], "n:l:m:d:z": 4, "n:l:k": 5, "n:l:m:e": {}})")));
+  EXPECT_EQ(root.get("n"), tree(R"({"x": 3, "y": 2, "l": [{"_id_": "k"}, {"_id_": "m", "d": {"z": 4}, "e": {}}]})"));
+}
+
+std::string number(std::size_t i) { return std::to_string(i); }
+
+TEST(KeyPath, ManyElementsMergeAsOneByOne) {
+  // Keys that repeat, are made again after they were removed, and become others while the list is read.
+  constexpr const char* renames[] = {R"("v")", R"("::_id_")", R"("\\_id_")"};
+  for (std::size_t seed = 0; seed < 300; ++seed) {
+    std::size_t state = seed;
+    const auto random = [&state](std::size_t limit) { return (state = state * 69069 + 12345) / 65536 % limit; };
+    const auto key = [&] { return R"({"_id_": "k)" + number(random(40)) + "\""; };
+    std::string before = key() + "}";
+    std::string updates = before;
+    for (std::size_t i = 0; i < 50; ++i) before += "," + key() + "}";
+    for (std::size_t i = 0; i < 150; ++i) {
+      updates += "," + key() + (random(2) == 0 ? R"(, "_newid_": true)" : "");
+      if (random(3) == 0) updates += R"(, "_obsoleteid_": true)";
+      const std::string value = random(90) == 0 ? "1" : "\"k" + number(random(50)) + "\"";
+      updates += std::string(", ") + renames[random(std::size(renames))] + ": " + value + "}";
+    }
+    PlistValue many = tree(("{\"l\": [" + before + "]}").c_str());
+    PlistValue single = many.deepMutableCopy().get("l");
+    const PlistValue list = tree(("[" + updates + "]").c_str());
+    bool last = false;
+    for (const PlistValue& update : list.elements()) {
+      last = single.updateDictionary(update, update.get("_id_").stringValue(), merge);
+    }
+    EXPECT_EQ(many.setNestedObject(tree(("[" + updates + "]").c_str()), "l", merge), last) << seed;
+    EXPECT_EQ(many.get("l"), single) << seed;
+  }
+}
+
+TEST(KeyPath, ManyElementsDoNotCostTheirSquare) {
+  constexpr std::size_t count = 30'000;  // whose square is a minute
+  PlistValue fresh = PlistValue::mutableArray();
+  PlistValue obsolete = PlistValue::mutableArray();
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::string key = number(i * 7919 % count);
+    fresh.append(
+        PlistValue::mutableDictionaryOf({{"_id_", key}, {"_newid_", true}, {"d", PlistValue::mutableArray()}}));
+    if (i % 2 == 0) obsolete.append(PlistValue::mutableDictionaryOf({{"_id_", key}, {"_obsoleteid_", true}}));
+  }
+  PlistValue root = PlistValue::mutableDictionaryOf({{"l", PlistValue::mutableArray()}});
+  EXPECT_TRUE(root.setNestedObject(fresh, "l", merge));
+  EXPECT_TRUE(root.setNestedObject(fresh, "l", merge));
+  EXPECT_EQ(root.get("l").count(), count);
+  const PlistValue copy = root.dictionaryForKeys(tree(R"(["l:*:d", "l:*:_id_"])"));
+  EXPECT_EQ(copy.get("l").count(), count);
+  EXPECT_TRUE(root.get("l").objectForNestedKey("*", copy.get("l")));  // each takes the place of its copy
+  EXPECT_EQ(copy.get("l"), root.get("l"));
+  EXPECT_TRUE(root.setNestedObject(obsolete, "l", merge));
+  EXPECT_EQ(root.get("l").count(), count / 2);
+  EXPECT_EQ(root.get("l").at(1).get("_id_"), fresh.at(3).get("_id_"));
 }
 
 TEST(KeyPath, RemovesAtAPathThatIsSplitTwice) {
@@ -266,6 +324,10 @@ TEST(KeyPath, CopiesWhatPathsSelect) {
   PlistValue array = PlistValue::mutableArray();
   EXPECT_TRUE(tree(R"([{"!": 1, "_id_": "k"}])").objectForNestedKey("k", array));
   EXPECT_EQ(array.count(), 0U);
+  // One with other elements too does not find what was just put into it.
+  PlistValue mixed = tree("[5]");
+  EXPECT_FALSE(root.get("l").objectForNestedKey("k1:v", mixed));
+  EXPECT_EQ(mixed, tree(R"([5, {"_id_": "k1"}])"));
 }
 
 TEST(KeyPath, NothingComesToStandInsideItself) {

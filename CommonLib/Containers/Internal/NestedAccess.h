@@ -23,26 +23,32 @@ const PlistValue* elementKey(const PlistValue& element) noexcept;
 const PlistValue* findObject(const PlistValue& container, std::string_view key) noexcept;
 const PlistValue* findObject(const PlistValue& container, const PlistValue& key, std::uint64_t hash) noexcept;
 
-/// `setObject:forKey:` of an array. Requires: the array is not within the value.
-bool putObject(const PlistValue& array, const PlistValue& value, std::string_view key);
+class KeyIndex;
+
+/// `setObject:forKey:` of an array, through its index where it has one. Requires: the array is not within the value.
+bool putObject(const PlistValue& array, const PlistValue& value, std::string_view key, KeyIndex* index = nullptr);
 /// The same where `objectForKey:` finds nothing, so that nothing has to be removed. Requires: a mutable array, a
 /// mutable dictionary, a string.
-bool appendObject(const PlistValue& array, PlistValue value, const PlistValue& id);
+bool appendObject(const PlistValue& array, PlistValue value, const PlistValue& id, KeyIndex* index = nullptr);
 
 /// `nestedObjectForKey:` in the same way. Gives `root` itself for an empty path.
 const PlistValue* findNestedObject(const PlistValue& root, std::string_view path);
 
-/// Every container within a value, itself included. Whoever writes only into others while reading that value neither
-/// makes a cycle nor changes what it reads.
+/// The containers within a value, itself included, that are still to be read. Whoever writes only into others meanwhile
+/// neither makes a cycle nor changes what it reads.
 class ContainerSet {
  public:
   explicit ContainerSet(const PlistValue& value);
   bool holds(const PlistValue& container) const {
     return !members_.empty() && members_.contains(PlistStorage::identity(container));
   }
+  /// A part was stored and is not read any more: later steps may write into it. Not where containers hang in several
+  /// places, for there it may be read again.
+  void handOver(const PlistValue& part);
 
  private:
   std::unordered_set<const void*> members_;
+  bool isTree_ = true;
 };
 
 }  // namespace ostrel::detail

@@ -3,10 +3,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string_view>
 #include <vector>
 
+#include "Containers/Internal/KeyIndex.h"
 #include "Containers/Internal/NestedAccess.h"
 #include "Containers/PlistValue.h"
 
@@ -33,8 +35,24 @@ bool store(const PlistValue& parent, const LastComponent& last, const PlistValue
 /// The whole of that plain set: the parent is found by the path's text.
 bool storeNested(const PlistValue& root, std::string_view path, const PlistValue& value, const ContainerSet* sources);
 
-/// Merges one value into others. The value's own containers are never written to, wherever else they hang: so what is
-/// read does not change meanwhile, the walk ends, and no container comes to stand inside itself. Depth costs no stack.
+/// For several indexes at a time: runs `change`, then tells them what became of the "_id_" of a dictionary.
+template <class Frames, class Change>
+bool changeKey(const Frames& frames, const PlistValue& dictionary, Change change) {
+  const PlistValue changed = dictionary;
+  const PlistValue* key = elementKey(changed);
+  const PlistValue before = key == nullptr ? PlistValue() : *key;
+  const bool result = change();
+  key = elementKey(changed);
+  if (before == (key == nullptr ? PlistValue() : *key)) return result;
+  for (const auto& frame : frames) {
+    if (frame.index) frame.index->rekey(changed, before);
+  }
+  return result;
+}
+
+/// Merges one value into others. The value's own containers are not written to, wherever else they hang, until they
+/// have been stored: so what is read does not change meanwhile, the walk ends, and no container comes to stand inside
+/// itself. Depth costs no stack.
 class Merge {
  public:
   /// Requires: `source` is a container.
@@ -59,21 +77,24 @@ class Merge {
     std::span<const PlistValue> elements;
     bool isArray;
     bool replace;
+    std::unique_ptr<KeyIndex> index = nullptr;  // of a target into which many elements go
     std::size_t next = 0;
   };
 
   // Each either decides `result_` or pushes the frame that will.
   void setOne(const PlistValue& root, const PlistValue& value, std::string_view path, bool replace);
   void mergeOne(const PlistValue& existing, const PlistValue& value);
-  void updateOne(const PlistValue& array, const PlistValue& update, std::string_view key, bool replace);
+  void updateOne(const PlistValue& array, const PlistValue& update, std::string_view key, bool replace,
+                 KeyIndex* index);
   void pushEntries(const PlistValue& target, const PlistValue& value, bool replace);
-  bool create(const PlistValue& array, const PlistValue& update, std::string_view key) const;
-  bool remove(const PlistValue& array, std::string_view key) const;
+  bool storeOne(const PlistValue& root, std::string_view path, const PlistValue& value);
+  bool create(const PlistValue& array, const PlistValue& update, std::string_view key, KeyIndex* index);
+  bool remove(const PlistValue& array, std::string_view key, KeyIndex* index) const;
   bool run();
   void step();
 
   const PlistValue source_;  // a share of its own: the caller's handle may be one that is written over
-  const ContainerSet sources_;
+  ContainerSet sources_;
   std::vector<Frame> frames_;
   bool result_ = true;
 };
