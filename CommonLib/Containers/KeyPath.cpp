@@ -18,7 +18,9 @@ KeyPath::KeyPath(std::string_view path) {
 const PlistValue* KeyPath::walk(const PlistValue& root, std::size_t first, std::size_t end) const noexcept {
   const PlistValue* current = &root;
   for (std::size_t i = first; i < end && current != nullptr; ++i) {
-    current = detail::findObject(*current, components_[i].key, components_[i].hash);
+    const auto& [key, hash] = components_[i];
+    current = current->isDictionary() ? detail::PlistStorage::find(*current, key, hash)
+                                      : detail::findObject(*current, key, hash);
   }
   return current;
 }

@@ -292,10 +292,16 @@ std::size_t PlistStorage::positionWhere(const DictionaryNode* node, std::uint64_
 
 namespace {
 
-template <class Matches>
-std::size_t scan(const DictionaryNode* node, Matches matches) noexcept {
-  for (std::uint32_t i = 0; i < node->count; ++i) {
-    if (matches(node->members[i].key)) return i;
+/// Most dictionaries are small and most keys fit a handle: this is the inner loop of every path.
+std::size_t scan(const DictionaryNode* node, const PlistValue& key) noexcept {
+  std::uint64_t wanted[2];
+  static_assert(sizeof wanted == sizeof key);
+  std::memcpy(wanted, static_cast<const void*>(&key), sizeof wanted);
+  const PlistEntry* const end = node->members + node->count;
+  for (const PlistEntry* member = node->members; member != end; ++member) {
+    std::uint64_t words[2];
+    std::memcpy(words, static_cast<const void*>(&member->key), sizeof words);
+    if (words[0] == wanted[0] && words[1] == wanted[1]) return static_cast<std::size_t>(member - node->members);
   }
   return std::numeric_limits<std::size_t>::max();
 }
@@ -311,12 +317,19 @@ struct SameLongText {
   bool operator()(const PlistValue& other) const noexcept { return other.stringValue() == key; }
 };
 
+[[gnu::noinline]] std::size_t scan(const DictionaryNode* node, SameLongText matches) noexcept {  // rare
+  for (std::uint32_t i = 0; i < node->count; ++i) {
+    if (matches(node->members[i].key)) return i;
+  }
+  return std::numeric_limits<std::size_t>::max();
+}
+
 }  // namespace
 
 std::size_t PlistStorage::position(const DictionaryNode* node, std::string_view key) noexcept {
   if (key.size() <= inlineCapacity) {
     const PlistValue handle = shortString(key);
-    if (node->index == nullptr) return scan(node, SameHandle{handle});
+    if (node->index == nullptr) return scan(node, handle);
     return positionWhere(node, hashOfHandle(handle), SameHandle{handle});
   }
   if (node->index == nullptr) return scan(node, SameLongText{key});
@@ -325,7 +338,7 @@ std::size_t PlistStorage::position(const DictionaryNode* node, std::string_view 
 
 std::size_t PlistStorage::position(const DictionaryNode* node, const PlistValue& key, std::uint64_t hash) noexcept {
   if (key.cell_.tag == PlistValue::Tag::inlineString) {
-    return node->index == nullptr ? scan(node, SameHandle{key}) : positionWhere(node, hash, SameHandle{key});
+    return node->index == nullptr ? scan(node, key) : positionWhere(node, hash, SameHandle{key});
   }
   const SameLongText matches{key.dataView()};
   return node->index == nullptr ? scan(node, matches) : positionWhere(node, hash, matches);
