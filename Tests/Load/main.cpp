@@ -232,7 +232,8 @@ void printTable(const PlistValue& report) {
     std::printf("%-16s %10.0f %10.1f %11.2f %11.2f\n", kind.c_str(), count, count / report.get("seconds").doubleValue(),
                 milli(figures, "medianMicroseconds"), milli(figures, "p99Microseconds"));
   };
-  for (const PlistValue& kind : report.get("kinds").allKeys().elements())
+  const PlistValue kinds = report.get("kinds").allKeys();
+  for (const PlistValue& kind : kinds.elements())
     row(std::string(kind.stringValue()), report.get("kinds").get(kind.stringValue()));
   row("all", report);
   for (const char* when : {"underLoad", "atRest"}) {
