@@ -18,8 +18,7 @@ extern "C" {
 //   line whose first match stands elsewhere is passed over.
 // - With `spaceRequired` on, a space or tab must follow the match at once.
 // - The search begins with the line at `searchStart` and ends before the first line that starts beyond `searchLimit`,
-// or
-//   with the file when the limit is below 1.
+//   or with the file when the limit is below 1.
 // - A start of -2 searches from the start of the file and passes over virtual-host sections: a line that holds
 //   "<VirtualHost", lines directly behind it that hold "</VirtualHost", and one line more. The rest of a longer section
 //   is searched like other text.

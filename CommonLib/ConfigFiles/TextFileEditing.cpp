@@ -62,12 +62,13 @@ std::int32_t GetSizeOfFile(std::FILE* stream, std::int64_t* size) {
 std::int32_t InsertTextInFile(std::FILE* stream, const char* text, std::int64_t start, std::int64_t end,
                               std::int64_t* delta) {
   std::int64_t change = 0;
-  std::int32_t code = kTextFileNoMemoryErr;
+  std::int32_t code = 0;
   try {
     code = insertText(stream, orEmpty(text), start, end, change);
   } catch (const std::bad_alloc&) {
-    if (stream != nullptr) std::fflush(stream);
+    code = kTextFileNoMemoryErr;
   }
+  if (code != 0 && stream != nullptr) std::fflush(stream);
   if (delta != nullptr) *delta = change;
   return code;
 }

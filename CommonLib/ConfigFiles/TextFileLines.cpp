@@ -12,6 +12,11 @@
 namespace ostrel::detail {
 namespace {
 
+// By how many bytes an edit makes its line shorter.
+std::size_t shortening(const LineEdit& edit) {
+  return edit.changes && edit.length > edit.text.size() ? edit.length - edit.text.size() : 0;
+}
+
 // The text from the first changed line on, as it is to become.
 class Rewriting {
  public:
@@ -25,13 +30,14 @@ class Rewriting {
     text_ += line.bytes.substr(0, edit.start);
     text_ += edit.text;
     text_ += line.bytes.substr(edit.start + edit.length);
-    const auto difference = static_cast<std::int64_t>(edit.text.size()) - static_cast<std::int64_t>(edit.length);
-    delta_ += difference;
-    if (difference < 0) filling_ += static_cast<std::size_t>(-difference);
+    delta_ += static_cast<std::int64_t>(edit.text.size()) - static_cast<std::int64_t>(edit.length);
+    filling_ += shortening(edit);
   }
 
-  // `end`: where the lines that were taken end in the file.
-  std::int32_t write(std::FILE* stream, std::int64_t end) {
+  // `end`: where the lines that were taken end in the file, behind it when `taken` line feeds of the filling are among
+  // them.
+  std::int32_t write(std::FILE* stream, std::int64_t end, std::size_t taken) {
+    filling_ -= taken;
     if (start_ < 0) return 0;
     std::int64_t size = 0;
     std::int32_t code = streamSize(stream, size);
@@ -55,16 +61,21 @@ std::int32_t editLinesOrThrow(std::FILE* stream, std::int64_t start, std::int64_
   TextLineReader reader(stream, start);
   Rewriting rewriting;
   std::int64_t end = start;
+  std::size_t filling = 0;
   while (reader.next()) {
     const TextLine& line = reader.line();
     if (limit >= 1 && line.offset > limit) break;
     const LineEdit edit = editor.edit(line);
+    // What a line of the filling loses is filled up again: that would go on for ever, and the bytes stay the same.
+    if (shortening(edit) > 0 && reader.filling() >= line.bytes.size()) break;
     rewriting.take(line, edit);
+    reader.addFilling(shortening(edit));
     end = line.next();
+    filling = reader.filling();
     if (edit.isLast) break;
   }
   if (reader.failure() != 0) return reader.failure();
-  const std::int32_t code = rewriting.write(stream, end);
+  const std::int32_t code = rewriting.write(stream, end, filling);
   if (code == 0) delta = rewriting.delta();
   return code;
 }
@@ -96,11 +107,27 @@ void TextLineReader::fill() noexcept {
     if (std::feof(stream_) == 0) failure_ = std::ferror(stream_);
   }
   filled_ += count;
+  fileEnd_ = nextOffset_ + static_cast<std::int64_t>(filled_);
+}
+
+void TextLineReader::takeFilling() noexcept {
+  std::memmove(buffer_.data(), buffer_.data() + begin_, filled_ - begin_);
+  filled_ -= begin_;
+  begin_ = 0;
+  const std::size_t count = std::min(filling_, buffer_.size() - filled_);
+  std::memset(buffer_.data() + filled_, '\n', count);
+  filled_ += count;
+  filling_ -= count;
+}
+
+std::size_t TextLineReader::filling() const noexcept {
+  return atEnd_ && nextOffset_ > fileEnd_ ? static_cast<std::size_t>(nextOffset_ - fileEnd_) : 0;
 }
 
 bool TextLineReader::next() noexcept {
   if (failure_ != 0) return false;
   if (!atEnd_ && filled_ - begin_ < longestLine) fill();
+  if (atEnd_ && filling_ > 0 && filled_ - begin_ < longestLine) takeFilling();
   if (failure_ != 0 || begin_ == filled_) return false;
   line_.bytes = std::string_view(buffer_.data() + begin_, filled_ - begin_);
   line_.bytes = line_.bytes.substr(0, firstLineLength(line_.bytes));

@@ -257,6 +257,24 @@ TEST(TextFileEditing, ReplacesTheFirstMatchOfEveryLine) {
   }
   EXPECT_EQ(ReplaceTextInFile(EditedText("x"), "x", "y", -3, 0), kTextFileSeekErr);
 
+  // What fills up the file is lines as well: it ends an open last line, and an empty pattern finds it.
+  struct Filling {
+    const char* text;
+    const char* pattern;
+    const char* replacement;
+    const char* result;
+  };
+  const Filling fillings[] = {
+      {"abc\nabc", "b\x1f", "B", "aBaB\n\n\n"},
+      {"abc\nx\n", "", "yz", "yzyzyzyz"},
+      {"abc\nx\n", "\n", "", "abcx\n\n"},
+  };
+  for (const Filling& c : fillings) {
+    const EditedText file(c.text);
+    EXPECT_EQ(ReplaceTextInFile(file, c.pattern, c.replacement, 0, 0), 0);
+    EXPECT_EQ(file.text(), c.result);
+  }
+
   // One pass gives what one edit after the other gives, with lines of all lengths and all line ends.
   std::mt19937 random(3);
   for (int round = 0; round < 40; ++round) {

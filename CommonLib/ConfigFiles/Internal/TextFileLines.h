@@ -40,15 +40,23 @@ class TextLineReader {
   /// 0, or why there is no further line: kTextFileSeekErr or the stream's error indicator.
   std::int32_t failure() const noexcept { return failure_; }
 
+  /// Reads so many line feeds more behind the end of the file, as if they stood there.
+  void addFilling(std::size_t feeds) noexcept { filling_ += feeds; }
+  /// How many of the current line and those before it are such line feeds.
+  std::size_t filling() const noexcept;
+
  private:
   void fill() noexcept;
+  void takeFilling() noexcept;
 
   std::FILE* stream_;
   TextLine line_;
   std::int64_t nextOffset_;
   std::int32_t failure_ = 0;
   bool atEnd_ = false;
-  std::size_t begin_ = 0;  // what was read and not yet given out
+  std::int64_t fileEnd_ = 0;  // known when atEnd_
+  std::size_t filling_ = 0;   // line feeds not yet in the buffer
+  std::size_t begin_ = 0;     // what was read and not yet given out
   std::size_t filled_ = 0;
   std::array<char, 16384> buffer_;
 };
@@ -84,8 +92,10 @@ class LineEditor {
 /// Asks the editor about each line from `start` on, until the file ends, a line starts beyond a positive `limit`, or an
 /// edit is the last; then writes all changes at once. The file is then as if each change had been made on its own by
 /// `InsertTextInFile`, but in linear time: behind its text stands one line feed for each byte by which a line became
-/// shorter. `delta` becomes the change in the text's size, without that filling. The result is 0 or a code; nothing is
-/// written before every line has been read.
+/// shorter, and these are lines like others (the first of them ends a last line that had no end). An editor that would
+/// shorten them, and so never come to an end, is stopped there. `limit` is an offset before the changes. `delta`
+/// becomes the change in the text's size, without that filling. The result is 0 or a code; nothing is written before
+/// every line has been read.
 std::int32_t editLines(std::FILE* stream, std::int64_t start, std::int64_t limit, LineEditor& editor,
                        std::int64_t& delta) noexcept;
 
