@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include <filesystem>
+#include <future>
 
 #include "ConfigFiles/TextBlocks.h"
 #include "ConfigFiles/TextDirectives.h"
@@ -94,6 +95,8 @@ TEST(ConfigCommand, ChangesDirectivesWhereTheyStand) {
   const std::string longLine = "Listen " + std::string(504, '1') + "Listen 5\nListen 6\n";
   EXPECT_EQ(changed("web.conf", longLine, {"set", "Listen[1]", "7"}), "Listen 7\nListen 6\n");
   EXPECT_EQ(changed("web.conf", "Open \\\n", {"set", "New", "1"}), "Open \\\n\nNew 1\n");
+  EXPECT_EQ(changed("web.conf", "A 1\r\nB 2", {"set", "C", "3"}), "A 1\r\nB 2\r\nC 3\r\n");
+  EXPECT_EQ(changed("web.conf", "A 1\nB 2\r", {"set", "C", "3"}), "A 1\nB 2\r\nC 3\n");
 }
 
 TEST(ConfigCommand, ChangesTheOtherFormats) {
@@ -111,6 +114,7 @@ TEST(ConfigCommand, ChangesTheOtherFormats) {
       {"default", settings, {"unset", "WEBMAIL"}, replaced(settings, "WEBMAIL=\"a=b\"\n", "")},
       {"xinetd.d/telnet", service, {"set", "port", "24"}, "service telnet\n{  \n\tport\t= 24\n}  \n"},
       {"xinetd.d/telnet", service, {"unset", "port"}, "service telnet\n{  \n}  \n"},
+      {"telnet", service, {"set", "port", "24"}, "service telnet\n{  \n\tport\t= 24\n}  \n"},
       {"syslog.conf",
        "mail.info\t/var/log/mail\n",
        {"set", "cron", "debug /var/log/cron"},
@@ -183,12 +187,28 @@ TEST(ConfigCommand, AppliesAListWholeOrNotAtAll) {
   EXPECT_EQ(std::filesystem::status(path).permissions(), static_cast<std::filesystem::perms>(0640));
 }
 
+TEST(ConfigCommand, LosesNoChangeOfSeveralAtATime) {
+  const TemporaryFolder folder;
+  const std::string file = folder / "web.conf";
+  writeFile(file, "Start 1\n");
+  std::vector<std::future<int>> runs;
+  for (int i = 0; i < 12; ++i)
+    runs.push_back(std::async(std::launch::async, [&] { return config({"add", file, "Listen", "80"}).status; }));
+  for (std::future<int>& run : runs) EXPECT_EQ(run.get(), 0);
+  std::string all = "Start 1\n";
+  for (int i = 0; i < 12; ++i) all += "Listen 80\n";
+  EXPECT_EQ(readFile(file), all);
+}
+
 TEST(ConfigCommand, TellsWhatCannotBeDone) {
   const TemporaryFolder folder;
   const std::string file = folder / "web.conf";
   writeFile(file, webServer);
   writeFile(folder / "nul", std::string("a\0b", 3));
   writeFile(folder / "bad.plist", "<plist>");
+  writeFile(folder / "cr", "A 1\rB 2\r");
+  const std::string open = "<Files a>\nA 1\n<Files b>\nB 1\n</Files>\nListen 1\n";
+  writeFile(folder / "open", open);
   ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
   struct {
     std::vector<std::string> words;
@@ -210,6 +230,12 @@ TEST(ConfigCommand, TellsWhatCannotBeDone) {
       {{"get", folder.path(), "A"}, 3, "cannot read"},
       {{"get", folder / "pipe", "A"}, 3, "cannot read"},
       {{"get", folder / "nul", "A"}, 1, "NUL"},
+      {{"set", folder / "cr", "B", "3"}, 1, "CR alone"},
+      {{"unset", folder / "open", "--in", "Files a"}, 1, "line 1 is not closed"},
+      {{"set", folder / "open", "--in", "Files a", "C", "1"}, 1, "line 1 is not closed"},
+      {{"set", folder / "open", "Listen", "2"}, 1, "line 1 is not closed"},
+      {{"add-block", file, "Lo>cation x"}, 1, "cannot be a block"},
+      {{"get", "/dev/null", "A"}, 3, "no regular file"},
       {{"get", folder / "bad.plist", "A"}, 1, "no property list"},
       {{"diff", file, folder / "missing"}, 2, "missing"},
   };
@@ -219,6 +245,7 @@ TEST(ConfigCommand, TellsWhatCannotBeDone) {
     EXPECT_THAT(outcome.errors, HasSubstr(c.errors));
   }
   EXPECT_EQ(readFile(file), webServer);
+  EXPECT_EQ(readFile(folder / "open"), open);
 }
 
 /// Debian's own configuration tree, copied, and what the web server's own check says of it.

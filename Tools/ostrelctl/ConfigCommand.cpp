@@ -15,6 +15,7 @@
 #include "Platform/SystemLog.h"
 #include "ostrelctl/ConfigEdit.h"
 #include "ostrelctl/ConfigText.h"
+#include "ostrelctl/ConfigTurn.h"
 #include "ostrelctl/Exchange.h"
 #include "ostrelctl/JsonForm.h"
 #include "ostrelctl/RequestArguments.h"
@@ -52,7 +53,11 @@ int failWith(int status, const std::string& reason) {
   return status;
 }
 
-std::string reasonOf(int error) { return std::generic_category().message(error); }
+std::string reasonOf(int error) {
+  if (error == EINVAL) return "it is no regular file";
+  if (error == EWOULDBLOCK) return "somebody else keeps it locked";
+  return std::generic_category().message(error);
+}
 
 // The editors log what they do; here the diff tells it.
 class Silence final : public SystemLog {
@@ -112,7 +117,8 @@ class ConfigCommand final : public Subcommand {
     std::string fault;
     std::vector<ConfigEdit> edits;
     if (!editsFor(verb, edits, fault)) return failWith(wrongUsage, fault);
-    const FileDescriptor file = openRegularFile(path_);
+    const bool saves = verb != "get" && verb != "diff" && !dryRun_;
+    const FileDescriptor file = saves ? openInTurn(path_) : openRegularFile(path_);
     auto text = file ? readToEnd(file.get(), std::size_t{64} << 20U) : std::nullopt;
     if (!text) return failWith(fileFault, format("cannot read %s: %s", path_, reasonOf(errno)));
     const auto format_ = formatName_.empty() ? guessConfigFormat(path_, *text) : configFormatNamed(formatName_);
@@ -126,7 +132,7 @@ class ConfigCommand final : public Subcommand {
     auto newText = config->text(fault);
     if (!newText) return failWith(notPossible, format("%s: %s", path_, fault));
     const FileChange change(path_, std::move(*text), std::move(*newText));
-    return finish(change, verb == "diff" || dryRun_, verb == "diff", *format_, json);
+    return finish(change, !saves, verb == "diff", *format_, json);
   }
 
   bool editsFor(const std::string& verb, std::vector<ConfigEdit>& edits, std::string& fault) {
@@ -169,7 +175,7 @@ class ConfigCommand final : public Subcommand {
     return values->empty() ? failWith(notPossible, format("%s: there is no %s", path_, edit_.key)) : 0;
   }
 
-  // Saves the change or not, and tells of it.
+  // Saves the change or not, and tells of it. Who does not take turns is seen until just before the file is replaced.
   int finish(const FileChange& change, bool dryRun, bool isDiff, ConfigFormat format_, bool json) {
     if (!dryRun && !change.isCurrent())
       return failWith(fileFault, format("%s was changed by somebody else meanwhile: try again", path_));

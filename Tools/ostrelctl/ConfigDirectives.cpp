@@ -201,23 +201,35 @@ class DirectiveText final : public ConfigText {
 
   // Behind the last line of a block, indented as that is.
   bool append(std::size_t block, const std::string& key, const std::string& value, std::string& fault) {
-    return insertInto(block, isKeyValue_ ? key + "=" + value + "\n" : key + " " + value + "\n", "", fault);
+    return insertInto(block, isKeyValue_ ? key + "=" + value : key + " " + value, "", fault);
   }
 
   bool insertInto(std::size_t block, const std::string& first, const std::string& second, std::string& fault) {
     const ConfigBlock& scope = sections_.blocks()[block];
-    if (scope.bodyEnd == text_.size() && block != 0) {
-      fault = format("the block <%s> of line %zu is not closed", scope.name, scope.line);
-      return false;
-    }
+    // Behind a block that is left open, the new line would stand inside it.
+    for (const ConfigBlock& other : sections_.blocks())
+      if (other.start < scope.bodyEnd && !isClosed(other, fault)) return false;
     const std::string indent = block == 0 ? "" : indentOf(scope);
-    std::string lines = indent + first;
-    if (!second.empty()) lines += indent + second;
+    const std::string lineEnd = lineEndOfText();
+    std::string lines = indent + first + lineEnd;
+    if (!second.empty()) lines += indent + second + lineEnd;
     // A backslash at the end of the text would join the new line to it.
     const std::string_view before = std::string_view(text_).substr(0, scope.bodyEnd);
     const bool isJoined = before.ends_with("\\\n") || before.ends_with("\\\r\n");
-    const bool endsInLine = isJoined || (!before.empty() && !isLineEnd(before.back()));
-    return replace(scope.bodyEnd, scope.bodyEnd, endsInLine ? "\n" + lines : lines, fault);
+    if (before.ends_with('\r')) lines.insert(0, "\n");
+    if (isJoined || (!before.empty() && !isLineEnd(before.back()))) lines.insert(0, lineEnd);
+    return replace(scope.bodyEnd, scope.bodyEnd, lines, fault);
+  }
+
+  static bool isClosed(const ConfigBlock& block, std::string& fault) {
+    if (!block.isClosed) fault = format("the block <%s> of line %zu is not closed", block.name, block.line);
+    return block.isClosed;
+  }
+
+  // As the first line ends.
+  std::string lineEndOfText() const {
+    const std::size_t feed = text_.find('\n');
+    return feed != std::string::npos && feed > 0 && text_[feed - 1] == '\r' ? "\r\n" : "\n";
   }
 
   std::string indentOf(const ConfigBlock& scope) const {
@@ -237,12 +249,12 @@ class DirectiveText final : public ConfigText {
   bool addBlock(const ConfigEdit& edit, std::string& fault) {
     const std::string opening = "<" + edit.value + ">";
     const auto tag = configTagIn(opening);
-    if (isKeyValue_ || !tag || tag->name.starts_with('/') || holdsControls(edit.value)) {
+    if (isKeyValue_ || !tag || tag->name.find_first_of("</>") != std::string_view::npos || holdsControls(edit.value)) {
       fault = format("'%s' cannot be a block", edit.value);
       return false;
     }
     const auto block = sections_.blockAt(edit.blocks, fault);
-    return block && insertInto(*block, opening + "\n", format("</%s>\n", tag->name), fault);
+    return block && insertInto(*block, opening, format("</%s>", tag->name), fault);
   }
 
   bool applyToBlock(const ConfigEdit& edit, std::string& fault) {
@@ -255,6 +267,7 @@ class DirectiveText final : public ConfigText {
     const auto block = sections_.blockAt(edit.blocks, fault);
     if (!block) return false;
     const ConfigBlock& scope = sections_.blocks()[*block];
+    if (!isClosed(scope, fault)) return false;
     if (edit.verb == ConfigEdit::Verb::unset) return replace(scope.start, scope.end, "", fault);
     // Also before the lines that are comments already, so that uncommenting brings back what was there.
     std::string commented;
@@ -337,6 +350,10 @@ class DirectiveText final : public ConfigText {
 std::unique_ptr<ConfigText> makeDirectiveText(ConfigFormat format, const std::string& text, std::string& fault) {
   if (text.find('\0') != std::string::npos) {
     fault = "it holds NUL bytes: that is no text file";
+    return nullptr;
+  }
+  if (text.find('\r') != std::string::npos && text.find('\n') == std::string::npos) {
+    fault = "its lines end in CR alone, and what reads such files takes that for one line";
     return nullptr;
   }
   auto copy = EditableText::open(text);

@@ -54,7 +54,7 @@ bool namesBlock(std::string_view wanted, std::string_view name, std::string_view
 }
 
 ConfigSections::ConfigSections(std::string_view text) {
-  blocks_.push_back({.name = "", .argument = "", .end = text.size(), .bodyEnd = text.size()});
+  blocks_.push_back({.name = "", .argument = "", .end = text.size(), .bodyEnd = text.size(), .isClosed = true});
   std::vector<std::size_t> open{0};
   std::size_t number = 1;
   for (std::size_t at = 0; at < text.size();) {
@@ -82,6 +82,7 @@ ConfigSections::ConfigSections(std::string_view text) {
     if (open.size() == 1 || !equalIgnoringCase(tag->name.substr(1), block.name)) continue;
     block.bodyEnd = line.start;
     block.end = line.end;
+    block.isClosed = true;
     lines_.back().block = block.parent;
     open.pop_back();
   }

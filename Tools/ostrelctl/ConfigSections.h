@@ -17,6 +17,7 @@ struct ConfigBlock {
   std::size_t start = 0, end = 0;  ///< bytes, both tags and the line end of the closing one included
   std::size_t bodyStart = 0, bodyEnd = 0;
   std::size_t parent = 0;  ///< index of the block around it; 0 is the whole text
+  bool isClosed = false;   ///< without a closing tag it goes on to the end of the text
 };
 
 /// A line together with those that a backslash at its end joins to it.

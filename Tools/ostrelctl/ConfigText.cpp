@@ -36,6 +36,22 @@ bool isKeyValueText(std::string_view text) {
   return hasOne;
 }
 
+// Whether the first line that says something begins a service or the defaults of all, and the next one opens a brace.
+bool isXinetdText(std::string_view text) {
+  bool isNamed = false;
+  while (!text.empty()) {
+    std::string_view line = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+    line.remove_prefix(std::min(line.find_first_not_of(" \t\r"), line.size()));
+    if (line.empty() || line.front() == '#') continue;
+    if (isNamed) return line.front() == '{';
+    const std::string_view word = line.substr(0, line.find_first_of(" \t\r"));
+    if (word != "service" && word != "defaults") return false;
+    isNamed = true;
+  }
+  return false;
+}
+
 }  // namespace
 
 std::optional<ConfigFormat> configFormatNamed(const std::string& name) {
@@ -49,9 +65,9 @@ const char* nameOf(ConfigFormat format) { return std::ranges::find(names, format
 ConfigFormat guessConfigFormat(const std::string& path, const std::string& text) {
   if (path.ends_with(".plist") || text.starts_with("bplist00")) return ConfigFormat::plist;
   if (text.starts_with("<?xml") || text.starts_with("<plist")) return ConfigFormat::plist;
-  if (path.find("/xinetd.d/") != std::string::npos) return ConfigFormat::xinetd;
+  if (path.find("/xinetd.d/") != std::string::npos || isXinetdText(text)) return ConfigFormat::xinetd;
   if (path.ends_with("syslog.conf")) return ConfigFormat::syslog;
-  if (path.ends_with("/hostconfig") || isKeyValueText(text)) return ConfigFormat::keyValue;
+  if (path == "hostconfig" || path.ends_with("/hostconfig") || isKeyValueText(text)) return ConfigFormat::keyValue;
   return ConfigFormat::apache;
 }
 
