@@ -13,6 +13,7 @@
 #include "Tools/DaemonProcess.h"
 #include "ostrelctl/BatchFile.h"
 #include "ostrelctl/JsonForm.h"
+#include "ostreld/ServiceWatchdog.h"
 
 namespace ostrel {
 namespace {
@@ -132,8 +133,22 @@ TEST(DaemonWatchdog, PingsTheServiceManager) {
     if (size <= 0) break;
     heard.emplace_back(text, static_cast<std::size_t>(size));
   }
-  close(listener);
   EXPECT_THAT(heard, ::testing::ElementsAre("READY=1", "WATCHDOG=1", "WATCHDOG=1"));
+  daemon.stop();
+  char text[64];
+  while (recv(listener, text, sizeof text, MSG_DONTWAIT) > 0) {
+  }
+  setenv("NOTIFY_SOCKET", path.c_str(), 1);
+  setenv("WATCHDOG_USEC", "2", 1);
+  ServiceWatchdog watchdog;
+  std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  watchdog.tick(false);
+  EXPECT_LT(recv(listener, text, sizeof text, MSG_DONTWAIT), 0) << "what is not well must not look well";
+  watchdog.tick(true);
+  EXPECT_EQ(recv(listener, text, sizeof text, MSG_DONTWAIT), 10);
+  unsetenv("NOTIFY_SOCKET");
+  unsetenv("WATCHDOG_USEC");
+  close(listener);
 }
 
 TEST(DaemonWatchdog, AHungModuleEndsTheDaemonAndItComesBack) {
