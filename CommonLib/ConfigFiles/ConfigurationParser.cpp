@@ -236,6 +236,7 @@ void ConfigurationParser::addError(const PlistValue& text) {
     return;
   }
   PlistValue all = errors();
+  if (!all.isMutable()) fErrors = all = all.mutableCopy();
   if (fGlobalError != PlistValue(multipleErrors)) {
     all.append(fGlobalError);
     fGlobalError = multipleErrors;

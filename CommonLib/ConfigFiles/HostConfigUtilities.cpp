@@ -65,7 +65,8 @@ std::optional<FileChange> HostConfigUtilities::changeOfEntryForKey(const PlistVa
   const std::string path = hostPath(hostConfigFile);
   const auto text = detail::readConfigurationText(path);
   if (!text) return std::nullopt;
-  return FileChange(path, text, detail::hostConfigWithEntry(*text, key.stringValue(), newValue.stringValue()));
+  return detail::readableChange(path, text,
+                                detail::hostConfigWithEntry(*text, key.stringValue(), newValue.stringValue()));
 }
 
 bool HostConfigUtilities::setOrAddEntryForKey(const PlistValue& key, const PlistValue& newValue) const {

@@ -35,7 +35,7 @@ class OSTREL_EXPORT HostConfigUtilities {
   ///
   /// False, with the file left alone, when the key or the value is absent, empty (the key only: it would begin every
   /// line) or does not fit one line; when the file is missing, unreadable, not UTF-8 or no regular file; when it cannot
-  /// be replaced. Owner, group and mode are kept, links are followed.
+  /// be replaced, or would become larger than 4 MiB. Owner, group and mode are kept, links are followed.
   bool setOrAddEntryForKey(const PlistValue& key, const PlistValue& newValue) const;
 
   /// What `setOrAddEntryForKey` would write, without writing it; absent where it would fail before.

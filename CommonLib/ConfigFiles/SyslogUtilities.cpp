@@ -218,7 +218,7 @@ std::optional<FileChange> SyslogUtilities::change() {
   const bool isThereOrMissing = present || errno == ENOENT;
   std::string text = joinedLines();
   if (!isReadable_ || !isThereOrMissing || !isAscii(text)) return std::nullopt;
-  return FileChange(_configPath, std::move(present), std::move(text));
+  return detail::readableChange(_configPath, std::move(present), std::move(text));
 }
 
 bool SyslogUtilities::recycle() {

@@ -109,8 +109,8 @@ class OSTREL_EXPORT SyslogUtilities {
   /// name. Without changes the file is read again, and the result is true. Meant: changes stay due for the next call.
   ///
   /// False when there is no logger; when the file cannot be written, in which case nothing is signalled: it could not
-  /// be read, or its text is not 7-bit ASCII. Meant: true also when a logger was found that cannot be signalled. Owner,
-  /// group and mode are kept, links are followed.
+  /// be read, or its text is not 7-bit ASCII or larger than 4 MiB. Meant: true also when a logger was found that cannot
+  /// be signalled. Owner, group and mode are kept, links are followed.
   bool recycle();
 
   /// What `recycle` would write if it were called now, without writing it; absent where it would fail before.

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "ConfigFiles/Internal/TextLines.h"
 #include "Containers/Utf8.h"
@@ -24,6 +25,13 @@ std::optional<std::string> readConfigurationText(const std::string& path) {
     text.reset();
   }
   return text;
+}
+
+std::optional<FileChange> readableChange(const std::string& path, std::optional<std::string> oldText,
+                                         std::string newText) {
+  if (newText.size() <= maximumConfigurationSize) return FileChange(path, std::move(oldText), std::move(newText));
+  errno = EFBIG;
+  return std::nullopt;
 }
 
 std::vector<std::string_view> splitAt(std::string_view text, std::string_view separator) {

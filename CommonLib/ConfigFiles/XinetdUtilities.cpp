@@ -74,9 +74,10 @@ std::optional<XinetdUtilities::Plan> XinetdUtilities::planEntry(const PlistValue
   if (!isEntryKey(key) || !detail::fitsOneLine(newValue)) return std::nullopt;
   const auto text = detail::readConfigurationText(fFilePath);
   if (!text) return std::nullopt;
-  const detail::XinetdEdit edit =
+  detail::XinetdEdit edit =
       detail::xinetdWithEntry(*text, fServiceName.stringValue(), key.stringValue(), newValue.stringValue());
-  return Plan{FileChange(fFilePath, text, edit.hasEntryAlready ? *text : edit.text), edit.hasEntryAlready};
+  auto change = detail::readableChange(fFilePath, text, edit.hasEntryAlready ? *text : std::move(edit.text));
+  return change ? std::optional(Plan{std::move(*change), edit.hasEntryAlready}) : std::nullopt;
 }
 
 std::optional<XinetdUtilities::Plan> XinetdUtilities::planRemoval(const PlistValue& key) const {
@@ -84,7 +85,8 @@ std::optional<XinetdUtilities::Plan> XinetdUtilities::planRemoval(const PlistVal
   const auto text = detail::readConfigurationText(fFilePath);
   if (!text) return std::nullopt;
   detail::XinetdEdit edit = detail::xinetdWithoutEntry(*text, fServiceName.stringValue(), key.stringValue());
-  return Plan{FileChange(fFilePath, text, std::move(edit.text)), false, edit.deletedEntries};
+  auto change = detail::readableChange(fFilePath, text, std::move(edit.text));
+  return change ? std::optional(Plan{std::move(*change), false, edit.deletedEntries}) : std::nullopt;
 }
 
 bool XinetdUtilities::setOrAddEntryForKey(const PlistValue& key, const PlistValue& newValue) {

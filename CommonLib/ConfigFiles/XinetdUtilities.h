@@ -52,7 +52,8 @@ class OSTREL_EXPORT XinetdUtilities {
   /// first block that comes after a header without a brace of its own line, whatever headers stand between.
   ///
   /// False, with the file left alone, when `key` or `newValue` is absent or does not fit one line, when `key` is not
-  /// one word or begins with "#" or a brace, when the file cannot be read or replaced. Owner, group and mode are kept,
+  /// one word or begins with "#" or a brace, when the file cannot be read or replaced, or would become larger than
+  /// 4 MiB. Owner, group and mode are kept,
   /// links are followed.
   bool setOrAddEntryForKey(const PlistValue& key, const PlistValue& newValue);
   /// `removeEntryForKey:` Removes the entries for `key` from the service's block; otherwise as above, except that any

@@ -140,6 +140,9 @@ TEST_F(Configuration, CollectsErrors) {
   EXPECT_THAT(logged(), ElementsAre("3 readFile File path not specified", "3 writeFile File path not specified",
                                     "3 writeFile File " + path("no/such/folder") + " not found",
                                     "3 writeFile Couldn't read file " + path("folder") + " - unknown error"));
+  parser.setErrors(PlistValue::arrayOf({"given"}));
+  parser.addError("more");
+  EXPECT_THAT(texts(parser.errors()), ElementsAre("given", "more")) << "nothing is lost in an immutable array";
   parser.setFile(path("written"));
   EXPECT_TRUE(parser.writeFile());
   EXPECT_EQ(parser.writeStatus(), kConfigStatusUnknownError) << "success leaves the write status alone";

@@ -102,6 +102,10 @@ TEST_F(HostConfig, WritesOnlyWhatItCanReadAndTell) {
   EXPECT_EQ(readFile(path_), "A=1\n\xE9\n");
   writeFile(path_, "A=1\n" + std::string(std::size_t{5} << 20U, '#'));
   refuses("huge");
+  const std::string nearlyHuge = "A=1\n#" + std::string((std::size_t{4} << 20U) - 5, '#');
+  writeFile(path_, nearlyHuge);
+  EXPECT_FALSE(utilities_->setOrAddEntryForKey("A", "22")) << "it could not be read again";
+  EXPECT_EQ(readFile(path_).size(), nearlyHuge.size());
   std::filesystem::remove(path_);
   refuses("missing");
   EXPECT_FALSE(std::filesystem::exists(path_));

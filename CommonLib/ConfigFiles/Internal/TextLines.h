@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "ConfigFiles/FileChange.h"
 #include "Containers/PlistValue.h"
 #include "Platform/Mutex.h"
 
@@ -21,6 +22,10 @@ std::optional<std::string> readRegularFile(const std::string& path, std::size_t 
 
 /// The same for one that is valid UTF-8 (EILSEQ).
 std::optional<std::string> readConfigurationText(const std::string& path);
+
+/// A change of a file's text that the editors can take back: absent (EFBIG) when the new text is too large to be read.
+std::optional<FileChange> readableChange(const std::string& path, std::optional<std::string> oldText,
+                                         std::string newText);
 
 /// The parts of a text between the separators: one more than it has of them. An empty separator is nowhere.
 std::vector<std::string_view> splitAt(std::string_view text, std::string_view separator);
