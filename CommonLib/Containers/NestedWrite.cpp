@@ -49,14 +49,14 @@ const PlistValue* findParent(const PlistValue& root, ComponentScanner& path, std
 bool putObject(const PlistValue& array, const PlistValue& value, std::string_view key, KeyIndex* index) {
   if (!array.isArray() || !array.isMutable() || !isMutableDictionary(value) || key.data() == nullptr) return false;
   // Value and key may live in the element that is removed.
-  const PlistValue taken = value;
+  PlistValue taken = value;
   const PlistValue id = key;
   if (index == nullptr) {
     writable(array).removeObjectForKey(id.stringValue());
   } else {
     index->remove(id.stringValue());
   }
-  return appendObject(array, taken, id, index);
+  return appendObject(array, std::move(taken), id, index);
 }
 
 bool appendObject(const PlistValue& array, PlistValue value, const PlistValue& id, KeyIndex* index) {

@@ -38,6 +38,8 @@ bool storeNested(const PlistValue& root, std::string_view path, const PlistValue
 /// For several indexes at a time: runs `change`, then tells them what became of the "_id_" of a dictionary.
 template <class Frames, class Change>
 bool changeKey(const Frames& frames, const PlistValue& dictionary, Change change) {
+  // The caller's handle may be one that is written over.
+  // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): so a share of its own
   const PlistValue changed = dictionary;
   const PlistValue* key = elementKey(changed);
   const PlistValue before = key == nullptr ? PlistValue() : *key;
