@@ -216,7 +216,7 @@ class DirectiveText final : public ConfigText {
     // A backslash at the end of the text would join the new line to it.
     const std::string_view before = std::string_view(text_).substr(0, scope.bodyEnd);
     const bool isJoined = before.ends_with("\\\n") || before.ends_with("\\\r\n");
-    if (before.ends_with('\r')) lines.insert(0, "\n");
+    if (before.ends_with('\r')) lines.insert(lines.begin(), '\n');
     if (isJoined || (!before.empty() && !isLineEnd(before.back()))) lines.insert(0, lineEnd);
     return replace(scope.bodyEnd, scope.bodyEnd, lines, fault);
   }
