@@ -74,9 +74,9 @@ std::optional<XinetdUtilities::Plan> XinetdUtilities::planEntry(const PlistValue
   if (!isEntryKey(key) || !detail::fitsOneLine(newValue)) return std::nullopt;
   const auto text = detail::readConfigurationText(fFilePath);
   if (!text) return std::nullopt;
-  detail::XinetdEdit edit =
+  const detail::XinetdEdit edit =
       detail::xinetdWithEntry(*text, fServiceName.stringValue(), key.stringValue(), newValue.stringValue());
-  auto change = detail::readableChange(fFilePath, text, edit.hasEntryAlready ? *text : std::move(edit.text));
+  auto change = detail::readableChange(fFilePath, text, edit.hasEntryAlready ? *text : edit.text);
   return change ? std::optional(Plan{std::move(*change), edit.hasEntryAlready}) : std::nullopt;
 }
 
