@@ -136,7 +136,7 @@ User::Request User::next() {
 std::string User::take(const Request& sent, const PlistValue& reply) {
   if (reply.contains("error")) return reply.get("error").description();
   if (sent.kind == "fill") return reply.get("text").stringValue().size() == 4096 ? "" : "not what was asked for";
-  if (sent.kind == "foreign") return reply.get("isWhole").boolValue() ? "" : "half a context";
+  if (sent.kind == "foreign") return reply.get("isWhole").boolValue() ? "" : "half a context: " + reply.description();
   const auto isRight = [&](const std::string& module, const PlistValue& answer) {
     const auto number = sent.numbers.find(module);
     const std::int64_t expected = number != sent.numbers.end() ? number->second : acknowledged_[module];

@@ -27,8 +27,10 @@ class LoadModule : public PluginRequestHandler {
   }
   /// Whether what a writer outside the daemon left is whole, and its number.
   PlistValue foreignWithRequest(const PlistValue&) {
-    return PlistValue::dictionaryOf(
-        {{"number", load::writtenNumber(context())}, {"isWhole", load::isWhole(context())}});
+    return PlistValue::dictionaryOf({{"number", load::writtenNumber(context())},
+                                     {"isWhole", load::isWhole(context())},
+                                     {"keys", context().count()},
+                                     {"padding", context().get("padding").stringValue().size()}});
   }
   /// Holds the context's lock for a while.
   PlistValue slowWithRequest(const PlistValue& request) {

@@ -26,10 +26,10 @@ Usage usageOf(pid_t process) {
   return usage;
 }
 
-Usage usageAtRest(pid_t process) {
+Usage usageAtRest(pid_t process, milliseconds quiet) {
   Usage usage = usageOf(process);
-  const auto end = steady_clock::now() + std::chrono::seconds(20);
-  for (auto since = steady_clock::now(); steady_clock::now() < std::min(since + std::chrono::seconds(1), end);) {
+  const auto end = steady_clock::now() + std::chrono::seconds(30);
+  for (auto since = steady_clock::now(); steady_clock::now() < std::min(since + quiet, end);) {
     std::this_thread::sleep_for(milliseconds(50));
     const Usage now = usageOf(process);
     // The least counts: an idle pass opens a file at a time.

@@ -18,8 +18,8 @@ struct Usage {
 
 Usage usageOf(pid_t process);
 
-/// What the process takes once it has come to rest: nothing has changed for a second. Or after 20 seconds, in any case.
-Usage usageAtRest(pid_t process);
+/// What the process takes once it has come to rest: nothing has got less for `quiet`. Or after 30 seconds, in any case.
+Usage usageAtRest(pid_t process, std::chrono::milliseconds quiet);
 
 /// Looks at a process ten times a second, on a thread of its own, until it is destroyed.
 class ProcessWatch {

@@ -18,6 +18,7 @@ int main(int argc, char** argv) {
   for (std::int64_t number = std::atoll(argv[3]); number <= last; ++number) {
     int descriptor = -1;
     const ostrel::PlistValue context = ostrel::get_and_lock_context(argv[2], &descriptor);
+    if (descriptor == -1) return 1;  // nothing would be stored
     ostrel::load::write(context, number);
     ostrel::set_and_unlock_context(&descriptor, &context);
     const std::string line = std::to_string(number) + "\n";

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -75,6 +76,10 @@ class Load {
     for (const auto* group : {&modules_, &foreignModules_})
       for (const std::string& name : *group) std::filesystem::copy_file(LOAD_BUNDLE, bundles / (name + ".bundle"));
     setHostRoot(daemon_.root());
+    // The daemon makes it at its start, but the writers come first, so that it never sees their contexts empty.
+    const std::filesystem::path contexts = daemon_.root() + "/private/var/ostreld";
+    std::filesystem::create_directories(contexts);
+    std::filesystem::permissions(contexts, std::filesystem::perms(0700));
   }
 
   /// The figures; violations are in the ledger.
@@ -88,6 +93,7 @@ class Load {
   void compareUsage(const char* what, const Usage& before, const Usage& after, milliseconds window);
   void checkContexts();
   void checkForeignThroughTheDaemon();
+  void showLog() const;
   PlistValue figures(milliseconds length);
 
   const Options options_;
@@ -178,6 +184,13 @@ PlistValue Load::figures(milliseconds length) {
   return report_;
 }
 
+/// What the daemon said, its audit lines left out.
+void Load::showLog() const {
+  std::istringstream log(daemon_.log());
+  for (std::string line; std::getline(log, line);)
+    if (line.find("] audit user=") == std::string::npos) std::fprintf(stderr, "%s\n", line.c_str());
+}
+
 PlistValue Load::run() {
   for (const std::string& module : foreignModules_)
     writers_.push_back(std::make_unique<ForeignWriter>(daemon_.root(), module, ledger_));
@@ -190,9 +203,11 @@ PlistValue Load::run() {
   const pid_t process = daemon_.child().pid();
   for (const auto& writer : writers_) writer->start();
 
+  // A thread of a batch stays for five seconds after its command.
+  const milliseconds quiet(options_.noBatches ? 1000 : 6000);
   const milliseconds warmUp = total() / 5;
   work(warmUp);
-  const Usage before = usageAtRest(process);
+  const Usage before = usageAtRest(process, quiet);
   ledger_.forgetMeasured();
   const milliseconds length = total() - warmUp;
   const milliseconds window = std::min<milliseconds>(std::chrono::seconds(10), length / 4);
@@ -201,7 +216,7 @@ PlistValue Load::run() {
     work(length);
     compareUsage("underLoad", watch.first(window), watch.last(window), window);
   }
-  compareUsage("atRest", before, usageAtRest(process), milliseconds(0));
+  compareUsage("atRest", before, usageAtRest(process, quiet), milliseconds(0));
   figures(length);
 
   int kills = 0;
@@ -216,6 +231,7 @@ PlistValue Load::run() {
   if (const int status = daemon_.stop(); status != 0) ledger_.violation(format("the daemon ended with %d", status));
   if (daemon_.log().find("ThreadSanitizer") != std::string::npos) ledger_.violation(daemon_.log());
   checkContexts();
+  if (ledger_.violationCount() > 0) showLog();
   for (const auto& writer : writers_) writer->check(writer->number(), writer->number());
   return report_;
 }
