@@ -5,6 +5,8 @@
 
 #include <functional>
 
+#include "ClientSession/Sockets.h"
+#include "Platform/TlsClient.h"
 #include "Tools/DaemonProcess.h"
 
 namespace ostrel {
@@ -134,6 +136,30 @@ TEST(DaemonBadInput, SlowAndHalfClosedPeers) {
 
   EXPECT_EQ(daemon.echo("x").stringValue(), "x");
   EXPECT_TRUE(eventually([&] { return daemon.auditLines().size() == 4; })) << daemon.log();
+}
+
+TEST(DaemonBadInput, ATlsPeerMayCloseItsSendingHalf) {
+  if (!testing::mayUseTlsPort()) GTEST_SKIP() << "this user may not listen on port 311";
+  DaemonProcess daemon(Transport::tls);
+  ASSERT_TRUE(daemon.start()) << daemon.log();
+  const RawConnection half = daemon.connectRaw();
+  IoStatus status = ioCompleted;
+  TlsClientOptions options;
+  options.read = &_OstrelSocketBlockingRead;
+  options.write = &_OstrelSocketBlockingWrite;
+  options.connection = half.descriptor();
+  options.allowsAnyRoot = true;
+  const auto tls = TlsClient::current().connect(options, &status);
+  ASSERT_NE(tls, nullptr);
+  ASSERT_EQ(tls->handshake(), ioCompleted);
+  const std::string request = form(daemon, "");
+  std::size_t size = request.size();
+  ASSERT_EQ(tls->write(request.data(), &size), ioCompleted);
+  half.endWriting();
+  char reply[15] = {};
+  size = sizeof reply;
+  EXPECT_EQ(tls->read(reply, &size), ioCompleted);
+  EXPECT_EQ(std::string_view(reply, size), "HTTP/1.0 200 OK");
 }
 
 TEST(DaemonBadInput, GarbageBeforeTls) {

@@ -54,6 +54,7 @@ class RawConnection {
   RawConnection& operator=(const RawConnection&) = delete;
 
   bool isConnected() const { return connected_; }
+  int descriptor() const { return descriptor_; }
   bool write(std::string_view bytes) const {
     while (!bytes.empty()) {
       const ssize_t sent = ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);

@@ -3,8 +3,10 @@
 #include <gnutls/gnutls.h>
 #include <microhttpd.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -18,6 +20,7 @@
 #include "Platform/Clock.h"
 #include "Platform/FileDescriptor.h"
 #include "Platform/SystemLog.h"
+#include "ostreld/CommandThreads.h"
 
 namespace ostrel {
 namespace {
@@ -70,7 +73,7 @@ std::string faultOfListening(const SocketAddress& address, int error) {
 }
 
 FileDescriptor listenOn(SocketAddress& address, std::string& fault) {
-  FileDescriptor descriptor(socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC, 0));
+  FileDescriptor descriptor(socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const int on = 1;
   sockaddr_storage bound{};
   socklen_t length = sizeof bound;
@@ -110,11 +113,39 @@ std::optional<std::uint64_t> contentLengthOf(MHD_Connection* connection) {
   return error == std::errc() ? length : UINT64_MAX;
 }
 
+/// What the HTTP library keeps for us between its calls for one request.
+struct Request {
+  CommandExchange exchange;
+  std::optional<Reply> reply;  ///< once the command has run
+};
+
+/// Few threads that last carry all TLS connections, and each command has one of its own meanwhile: GnuTLS keeps some
+/// memory of every thread that it ever ran on until the process ends, so a thread a connection would make the daemon
+/// grow. Plain connections have a thread each, which runs their command too.
+unsigned int carrierThreads() { return std::clamp(std::thread::hardware_concurrency(), 2U, 8U); }
+
+/// Reads for GnuTLS, but nothing more once the request is whole: the HTTP library would take the end of a client's
+/// sending half for the end of the connection, and drop the reply.
+ssize_t pullRequest(gnutls_transport_ptr_t connection, void* buffer, std::size_t size) {
+  auto* entry = static_cast<Connection*>(connection);
+  if (entry->isWhole) {
+    errno = EAGAIN;
+    return -1;
+  }
+  return recv(entry->descriptor, buffer, size, 0);
+}
+
+int waitForRequest(gnutls_transport_ptr_t connection, unsigned int milliseconds) {
+  pollfd waiting{static_cast<Connection*>(connection)->descriptor, POLLIN, 0};
+  return poll(&waiting, 1, static_cast<int>(milliseconds));
+}
+
 class HttpCommandServer final : public CommandServer {
  public:
   HttpCommandServer(const CommandServerOptions& options, ExchangeRules rules)
       : rules_(std::move(rules)), connections_(options.connections), isPlain_(!options.tls) {}
   ~HttpCommandServer() override {
+    commands_.waitUntilNone();  // the library must not be stopped while a command holds a connection
     if (daemon_ != nullptr) MHD_stop_daemon(daemon_);
   }
 
@@ -143,7 +174,8 @@ class HttpCommandServer final : public CommandServer {
   void leave(Connection* connection);
   MHD_Result handle(MHD_Connection* connection, std::string_view path, std::string_view method,
                     std::string_view bodyPart, std::size_t* bodySize, void** exchange);
-  MHD_Result send(MHD_Connection* connection, CommandExchange& exchange);
+  void run(MHD_Connection* connection, Request& request);
+  MHD_Result send(MHD_Connection* connection, Request& request);
   MHD_Result queue(MHD_Connection* connection, Reply reply) const;
   static Connection* entryOf(MHD_Connection* connection) {
     return static_cast<Connection*>(
@@ -157,6 +189,7 @@ class HttpCommandServer final : public CommandServer {
   SocketAddress address_;
   FileDescriptor listener_;
   MHD_Daemon* daemon_ = nullptr;
+  CommandThreads commands_;
   // Belong to the thread that starts the server.
   const std::thread::id starter_ = std::this_thread::get_id();
   std::string startMessage_;
@@ -168,12 +201,14 @@ bool HttpCommandServer::begin(const CommandServerOptions& options, std::string& 
   listener_ = listenOn(address_, fault);
   if (!listener_) return false;
 
-  unsigned int flags =
-      MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL | MHD_USE_ITC | MHD_USE_ERROR_LOG;
+  unsigned int flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL | MHD_USE_ITC | MHD_USE_ERROR_LOG;
   if (address_.isIPv6()) flags |= MHD_USE_IPv6;
   std::vector<MHD_OptionItem> tls;
-  if (options.tls) {
-    flags |= MHD_USE_TLS;
+  if (!options.tls) {
+    flags |= MHD_USE_THREAD_PER_CONNECTION;
+  } else {
+    flags |= MHD_USE_TLS | MHD_ALLOW_SUSPEND_RESUME;
+    tls.push_back({MHD_OPTION_THREAD_POOL_SIZE, carrierThreads(), nullptr});
     const auto add = [&tls](MHD_OPTION option, const char* text) {
       tls.push_back({option, 0, const_cast<char*>(text)});
     };
@@ -183,7 +218,8 @@ bool HttpCommandServer::begin(const CommandServerOptions& options, std::string& 
   }
   tls.push_back({MHD_OPTION_END, 0, nullptr});
 
-  // The library's own limit on connections lies above ours, so that every refusal passes `onAccept`.
+  // The library's own limit on connections, of which each carrier gets its share, lies above ours, so that every
+  // refusal passes `onAccept`.
   daemon_ =
       MHD_start_daemon(flags, 0, &onAccept, this, &onRequest, this,                                               //
                        MHD_OPTION_EXTERNAL_LOGGER, &onMessage, this,                                              //
@@ -227,7 +263,12 @@ void HttpCommandServer::enter(MHD_Connection* connection, void** socketContext) 
   // The handshake has not begun: clients of several requests will resume this session in the next ones.
   auto* session = static_cast<gnutls_session_t>(
       MHD_get_connection_info(connection, MHD_CONNECTION_INFO_GNUTLS_SESSION)->tls_session);
-  if (session != nullptr) gnutls_session_ticket_enable_server(session, ticketKey_.get());
+  if (session == nullptr) return;
+  gnutls_session_ticket_enable_server(session, ticketKey_.get());
+  gnutls_transport_set_ptr2(session, *socketContext,
+                            reinterpret_cast<gnutls_transport_ptr_t>(std::intptr_t{descriptor}));
+  gnutls_transport_set_pull_function(session, &pullRequest);
+  gnutls_transport_set_pull_timeout_function(session, &waitForRequest);
 }
 
 void HttpCommandServer::leave(Connection* connection) {
@@ -254,7 +295,7 @@ MHD_Result HttpCommandServer::onRequest(void* self, MHD_Connection* connection, 
 
 MHD_Result HttpCommandServer::handle(MHD_Connection* connection, std::string_view path, std::string_view method,
                                      std::string_view bodyPart, std::size_t* bodySize, void** exchange) {
-  auto* current = static_cast<CommandExchange*>(*exchange);
+  auto* current = static_cast<Request*>(*exchange);
   if (current == nullptr) {
     const RequestHead head{
         .method = method,
@@ -265,25 +306,45 @@ MHD_Result HttpCommandServer::handle(MHD_Connection* connection, std::string_vie
         .isChunked = !headerOf(connection, MHD_HTTP_HEADER_TRANSFER_ENCODING).empty(),
         .sessionIdentifier = headerOf(connection, "OstrelSessionID"),
         .authorization = headerOf(connection, MHD_HTTP_HEADER_AUTHORIZATION)};
-    current = new CommandExchange(rules_, entryOf(connection)->from, head);
+    current = new Request{CommandExchange(rules_, entryOf(connection)->from, head), std::nullopt};
     *exchange = current;
     // A refused client that waits for leave to send its body is told at once. Others send it whatever we say, and
     // would miss the reply if the connection closed while they do: their bytes are read and dropped first. Where the
     // body ends is unknown when the headers are at odds.
     const bool waits = !headerOf(connection, MHD_HTTP_HEADER_EXPECT).empty() || head.headers != RequestFault::none;
-    return current->isRefused() && waits ? send(connection, *current) : MHD_YES;
+    return current->exchange.isRefused() && waits ? send(connection, *current) : MHD_YES;
   }
-  if (current->isFinished()) return MHD_YES;
-  if (*bodySize == 0) return send(connection, *current);
-  current->receive(bodyPart);
+  if (current->reply) return send(connection, *current);  // the command has run
+  if (current->exchange.isFinished()) return MHD_YES;     // refused and answered before its body
+  if (*bodySize == 0) {
+    connections_.beginCommand(entryOf(connection));
+    if (isPlain_ || current->exchange.isRefused()) return send(connection, *current);
+    run(connection, *current);
+    return MHD_YES;
+  }
+  current->exchange.receive(bodyPart);
   *bodySize = 0;
   return MHD_YES;
 }
 
-MHD_Result HttpCommandServer::send(MHD_Connection* connection, CommandExchange& exchange) {
+/// The library leaves the connection alone until the command has run, then calls `handle` once more.
+void HttpCommandServer::run(MHD_Connection* connection, Request& request) {
+  entryOf(connection)->isWhole = true;
+  MHD_suspend_connection(connection);
+  commands_.start([connection, &request] {
+    try {
+      request.reply = request.exchange.finish();
+    } catch (const std::exception& error) {
+      logAt(LogLevel::error, "[%d] ostreld gave a request up: %s", processId(), error.what());
+      request.reply.emplace().status = MHD_HTTP_INTERNAL_SERVER_ERROR;
+    }
+    MHD_resume_connection(connection);
+  });
+}
+
+MHD_Result HttpCommandServer::send(MHD_Connection* connection, Request& request) {
   Connection* entry = entryOf(connection);
-  connections_.beginCommand(entry);
-  Reply reply = exchange.finish();
+  Reply reply = request.reply ? *std::exchange(request.reply, std::nullopt) : request.exchange.finish();
   connections_.markAudited(entry);
   connections_.beginReply(entry);
   return queue(connection, std::move(reply));
@@ -311,11 +372,11 @@ MHD_Result HttpCommandServer::queue(MHD_Connection* connection, Reply reply) con
 void HttpCommandServer::onCompleted(void* self, MHD_Connection* connection, void** exchange,
                                     MHD_RequestTerminationCode /*code*/) {
   auto* server = static_cast<HttpCommandServer*>(self);
-  const std::unique_ptr<CommandExchange> current(static_cast<CommandExchange*>(*exchange));
+  const std::unique_ptr<Request> current(static_cast<Request*>(*exchange));
   *exchange = nullptr;
-  if (!current || current->isFinished()) return;
+  if (!current || current->exchange.isFinished()) return;
   Connection* entry = entryOf(connection);
-  current->abandon(server->connections_.endingReason(entry));
+  current->exchange.abandon(server->connections_.endingReason(entry));
   server->connections_.markAudited(entry);
 }
 

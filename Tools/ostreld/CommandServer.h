@@ -1,4 +1,4 @@
-// Takes connections, with or without TLS, keeps their limits and answers each request on a thread of its own.
+// Takes connections, with or without TLS, keeps their limits and runs each command on a thread of its own.
 #pragma once
 
 #include <cstdint>

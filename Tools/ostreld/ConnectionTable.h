@@ -27,7 +27,8 @@ class ConnectionTable {
  public:
   enum class Phase { receiving, running, replying };
 
-  /// One open connection. Its members are read and written under the table's lock only, the two constant ones aside.
+  /// One open connection. Its members are read and written under the table's lock only, the two constant ones and the
+  /// last aside.
   struct Connection {
     const std::string from;  ///< numeric address and port
     const std::chrono::nanoseconds accepted;
@@ -37,6 +38,7 @@ class ConnectionTable {
     std::chrono::nanoseconds deadline;
     const char* cutBecause = nullptr;
     bool audited = false;
+    bool isWhole = false;  ///< all of the request was read; belongs to the thread that carries the connection
   };
 
   explicit ConnectionTable(const ConnectionLimits& limits) : limits_(limits) {}
