@@ -203,7 +203,7 @@ void OstrelDaemonSession::cancelAsyncRequests() {
 void OstrelDaemonSession::_cancelPendingRequestsWithSendBeginNotification(bool sendBeginNotification) {
   TaskList tasks;
   tasks.swap(_ostrelDaemonSessTasks);
-  if (!cancelling_) return cancelTasks(std::move(tasks), sendBeginNotification);
+  if (!cancelling_) return cancelTasks(tasks, sendBeginNotification);
   // A callback that hears of a cancelled request has issued another one, which was rejected. Told at once, such
   // callbacks would nest without end.
   MainEventLoop::shared().callAfter({}, [self = shared_from_this(), tasks = std::move(tasks), sendBeginNotification] {
@@ -211,7 +211,7 @@ void OstrelDaemonSession::_cancelPendingRequestsWithSendBeginNotification(bool s
   });
 }
 
-void OstrelDaemonSession::cancelTasks(TaskList tasks, bool sendBeginNotification) {
+void OstrelDaemonSession::cancelTasks(const TaskList& tasks, bool sendBeginNotification) {
   const auto self = shared_from_this();
   cancelling_ = true;
   for (const auto& task : tasks) {

@@ -237,7 +237,7 @@ class OSTREL_EXPORT OstrelDaemonSession : public std::enable_shared_from_this<Os
   void startSoon(const std::shared_ptr<OstrelDaemonSessTask>& task);
   void startThread(const std::shared_ptr<OstrelDaemonSessTask>& task);
   std::shared_ptr<OstrelDaemonSessTask> takeFirstWaiting();
-  void cancelTasks(TaskList tasks, bool sendBeginNotification);
+  void cancelTasks(const TaskList& tasks, bool sendBeginNotification);
   OstrelDaemonSessNotification notificationOf(const std::shared_ptr<OstrelDaemonSessTask>& task,
                                               std::string_view about);
 
