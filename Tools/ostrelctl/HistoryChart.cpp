@@ -87,12 +87,11 @@ double roundStep(double least) {
 }
 
 Scale scaleFor(const HistorySeries& series) {
-  const auto value = [](const HistorySeries::Point& point) { return point.value; };
-  const auto [least, most] = std::ranges::minmax(series.points, {}, value);
+  const auto [least, most] = std::ranges::minmax_element(series.points, {}, &HistorySeries::Point::value);
   Scale scale;
-  choosePrefix(scale, series.unit, std::max(std::fabs(least.value), std::fabs(most.value)));
-  double low = least.value / scale.divisor;
-  double high = most.value / scale.divisor;
+  choosePrefix(scale, series.unit, std::max(std::fabs(least->value), std::fabs(most->value)));
+  double low = least->value / scale.divisor;
+  double high = most->value / scale.divisor;
   if (low >= 0 && low <= high / 2) low = 0;  // a scale from 0 where that costs little
   if (high <= 0 && high >= low / 2) high = 0;
   if (low == high) {  // a constant value: half-way up, or at the foot when it is 0
@@ -166,10 +165,10 @@ double longestInterval(const std::vector<HistorySeries::Point>& points) {
 
 void draw(Canvas& canvas, const HistorySeries& series, const Scale& scale, const ChartFrame& frame) {
   const auto x = [&](double time) {
-    return static_cast<int>((time - frame.from) / (frame.to - frame.from) * (canvas.width() - 1) + 0.5);
+    return static_cast<int>(std::lround((time - frame.from) / (frame.to - frame.from) * (canvas.width() - 1)));
   };
   const auto y = [&](double value) {
-    return static_cast<int>((value - scale.low) / (scale.high - scale.low) * (canvas.height() - 1) + 0.5);
+    return static_cast<int>(std::lround((value - scale.low) / (scale.high - scale.low) * (canvas.height() - 1)));
   };
   const double longest = longestInterval(series.points);
   const HistorySeries::Point* last = nullptr;
@@ -215,12 +214,11 @@ std::string timeAxis(std::size_t columns, const ChartFrame& frame) {
 std::string unitInBrackets(const std::string& unit) { return unit.empty() ? std::string() : format(" (%s)", unit); }
 
 std::string headline(const HistorySeries& series, const Scale& scale) {
-  const auto value = [](const HistorySeries::Point& point) { return point.value; };
-  const auto [least, most] = std::ranges::minmax(series.points, {}, value);
+  const auto [least, most] = std::ranges::minmax_element(series.points, {}, &HistorySeries::Point::value);
   Scale fine = scale;
   fine.decimals = std::min(scale.decimals + 1, 6);
   return format("%s%s: %s now, %s to %s\n", series.name, unitInBrackets(scale.unit),
-                fine.text(series.points.back().value), fine.text(least.value), fine.text(most.value));
+                fine.text(series.points.back().value), fine.text(least->value), fine.text(most->value));
 }
 
 std::string chartOf(const HistorySeries& series, const ChartFrame& frame) {
