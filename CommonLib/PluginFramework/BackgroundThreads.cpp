@@ -17,7 +17,9 @@ constexpr int mostThatLinger = 64;
 
 struct BackgroundThreads::State {
   Mutex mutex;
-  Condition changed;
+  // Two conditions: a thread that begins or ends must not wake the ones that linger.
+  Condition noneRuns;
+  Condition ending;
   int running OSTREL_GUARDED_BY(mutex) = 0;
   int lingering OSTREL_GUARDED_BY(mutex) = 0;
   bool isEnding OSTREL_GUARDED_BY(mutex) = false;
@@ -25,11 +27,11 @@ struct BackgroundThreads::State {
   void add(int difference) {
     const MutexLock lock(mutex);
     running += difference;
-    changed.notifyAll();
+    if (running == 0) noneRuns.notifyAll();
   }
   void end() OSTREL_REQUIRES(mutex) {
     isEnding = true;
-    changed.notifyAll();
+    ending.notifyAll();
   }
 };
 
@@ -40,7 +42,7 @@ BackgroundThreads::~BackgroundThreads() { waitUntilNone(); }
 void BackgroundThreads::waitUntilNone() {
   const MutexLock lock(state_->mutex);
   state_->end();
-  while (state_->running != 0) state_->changed.wait(state_->mutex);
+  while (state_->running != 0) state_->noneRuns.wait(state_->mutex);
 }
 
 void BackgroundThreads::start(const std::function<void()>& work) {
@@ -72,7 +74,7 @@ void BackgroundThreads::linger(std::chrono::nanoseconds time) {
   while (!state.isEnding) {
     const auto left = end - clock.monotonic();
     if (left <= std::chrono::nanoseconds::zero()) break;
-    clock.waitFor(state.changed, state.mutex, left);
+    clock.waitFor(state.ending, state.mutex, left);
   }
   --state.lingering;
 }
@@ -82,7 +84,7 @@ bool BackgroundThreads::waitUntilNone(std::chrono::milliseconds limit) {
   const MutexLock lock(state_->mutex);
   state_->end();
   while (state_->running != 0)
-    if (!state_->changed.waitUntil(state_->mutex, deadline)) break;
+    if (!state_->noneRuns.waitUntil(state_->mutex, deadline)) break;
   return state_->running == 0;
 }
 
