@@ -16,13 +16,13 @@
 #include "Containers/PropertyList.h"
 #include "Containers/Utf8.h"
 #include "Platform/Clock.h"
+#include "Platform/DirectoryMembership.h"
 #include "Platform/Files.h"
 #include "Platform/HostRoot.h"
 #include "Platform/NameResolver.h"
 #include "Platform/RandomDevice.h"
 #include "Platform/RegularFile.h"
 #include "Platform/SystemLog.h"
-#include "Platform/UserDatabase.h"
 #include "PluginFramework/BundleManager.h"
 
 namespace ostrel {
@@ -188,9 +188,12 @@ bool is_same_host_multiple(const PlistValue& hosts, const PlistValue& hostB, boo
                              [&](const PlistValue& host) { return is_same_host(host, hostB, resolve); });
 }
 
-bool does_user_belong_to_group(const PlistValue& user, const PlistValue& group) {
+bool does_user_belong_to_group(const PlistValue& user, const PlistValue& group) try {
   if (!user.isString() || !group.isString()) return false;
-  return UserDatabase::current().isMember(std::string(user.stringValue()), std::string(group.stringValue()));
+  auto memberships = DirectoryMemberships::ofUser(user.stringValue());
+  return memberships && memberships->include(group.stringValue());
+} catch (const std::exception&) {
+  return false;
 }
 
 bool check_if_ports_are_restricted(const PlistValue& ports, PlistValue* restrictions) try {

@@ -44,8 +44,9 @@ OSTREL_EXPORT bool is_same_host(const PlistValue& hostA, const PlistValue& hostB
 /// Whether one of `hosts` (an array) is the same host as `hostB`; tried in order until the first that is.
 OSTREL_EXPORT bool is_same_host_multiple(const PlistValue& hosts, const PlistValue& hostB, bool resolve);
 
-/// Whether the user is a member of the group, by primary or supplementary membership. False when either is null or
-/// unknown.
+/// Whether the user is a member of the group, by the directory's search node (Platform/DirectoryMembership.h tells
+/// how). False when either is null or leads to no record with an identifier, and when the directory cannot be asked.
+/// May block on disk or network.
 OSTREL_EXPORT bool does_user_belong_to_group(const PlistValue& user, const PlistValue& group);
 
 /// Asks the module "ostrel_ipfilter" whether it restricts `ports`: false for null ports or when it answers that all are

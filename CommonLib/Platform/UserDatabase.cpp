@@ -127,13 +127,6 @@ class HostUserDatabase final : public UserDatabase {
 
 }  // namespace
 
-bool UserDatabase::isMember(const std::string& user, const std::string& group) {
-  const auto entry = groupNamed(group);
-  if (!entry) return false;
-  const std::vector<gid_t> groups = groupsOfUser(user);
-  return std::ranges::find(groups, entry->gid) != groups.end();
-}
-
 std::atomic<UserDatabase*>& UserDatabase::slot() {
   static HostUserDatabase host;
   static std::atomic<UserDatabase*> slot{&host};

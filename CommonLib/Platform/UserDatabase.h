@@ -49,9 +49,6 @@ class OSTREL_EXPORT UserDatabase {
   /// expired, and when this process may not read it.
   virtual std::optional<std::string> passwordHashOf(const std::string&) { return std::nullopt; }
 
-  /// Whether the user's primary or one of the supplementary groups is the group. False when either is not found.
-  bool isMember(const std::string& user, const std::string& group);
-
  private:
   friend class ScopedOverride<UserDatabase>;
   static std::atomic<UserDatabase*>& slot();
