@@ -59,9 +59,9 @@ BatchResult applyOne(KpPortmapListRef list, const PlistValue& mapping) {
   const PlistValue protocol = given(mapping, kKpPortMappingProtocolKey);
   const PlistValue internalAddress = given(mapping, kKpPortMappingLocalIpKey);
   if (!adds) return {KpRemovePortFromList(list, internalPort, externalPort, protocol, internalAddress)};
-  const PlistValue words = mapping.get(detail::descriptionKey);
+  const PlistValue words = mapping.get(detail::kKpPortMappingDescriptionKey);
   return {KpAddPortToList(list, internalPort, externalPort, protocol, internalAddress,
-                          given(mapping, detail::externalIpKey),
+                          given(mapping, detail::kKpPortMappingExternalIpKey),
                           meansAbsent(words) ? PlistValue(defaultDescription) : words)};
 }
 

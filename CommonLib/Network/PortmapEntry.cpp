@@ -105,12 +105,12 @@ std::optional<PortMapping> mappingOf(const PlistValue& entry) {
   if (!entry.isDictionary()) return std::nullopt;
   const PlistValue internalPort = entry.get(kKpPortMappingLocalIpPortKey);
   const PlistValue externalPort = entry.get(kKpPortMappingRemoteIpPortKey);
-  const PlistValue description = entry.get(descriptionKey);
+  const PlistValue description = entry.get(kKpPortMappingDescriptionKey);
   PortMapping mapping;
   const int status =
       checkMapping(portOf(internalPort), portOf(externalPort.isNull() ? internalPort : externalPort),
                    given(entry, kKpPortMappingProtocolKey), given(entry, kKpPortMappingLocalIpKey),
-                   given(entry, externalIpKey), description.isString() ? description : PlistValue(), mapping);
+                   given(entry, kKpPortMappingExternalIpKey), description.isString() ? description : PlistValue(), mapping);
   return status == 0 ? std::optional(mapping) : std::nullopt;
 }
 
@@ -137,8 +137,8 @@ PlistValue entryOf(const PortMapping& mapping) {
     entry.set(kKpPortMappingProtocolKey,
               mapping.protocol == Protocol::tcp ? kKpPortMappingProtocolTcpValue : kKpPortMappingProtocolUdpValue);
   if (mapping.localAddress) entry.set(kKpPortMappingLocalIpKey, mapping.localAddress->numericHost());
-  if (mapping.externalAddress) entry.set(detail::externalIpKey, mapping.externalAddress->numericHost());
-  entry.set(detail::descriptionKey, mapping.description);
+  if (mapping.externalAddress) entry.set(detail::kKpPortMappingExternalIpKey, mapping.externalAddress->numericHost());
+  if (!mapping.description.empty()) entry.set(detail::kKpPortMappingDescriptionKey, mapping.description);
   return entry;
 }
 

@@ -4,6 +4,7 @@
 #include "ostrelctl/ConfigCommand.h"
 #include "ostrelctl/HistoryCommand.h"
 #include "ostrelctl/ModulesCommand.h"
+#include "ostrelctl/PortsCommand.h"
 #include "ostrelctl/StatusCommand.h"
 
 namespace ostrel {
@@ -14,6 +15,7 @@ constexpr SubcommandEntry table[] = {
     {"status", "Show how the daemon fares", makeStatusCommand},
     {"modules", "List the daemon's modules", makeModulesCommand},
     {"config", "Read and change configuration files of this machine, without the daemon", makeConfigCommand},
+    {"ports", "List and change the port mappings of this machine's NAT gateway, without the daemon", makePortsCommand},
     {"history", "Draw the samples that a module has taken", makeHistoryCommand},
 };
 

@@ -9,8 +9,8 @@
 namespace ostrel::detail {
 
 // Keys that are not exported as constants.
-inline constexpr const char* externalIpKey = "externalHostIp";
-inline constexpr const char* descriptionKey = "description";
+inline constexpr const char* kKpPortMappingExternalIpKey = "externalHostIp";
+inline constexpr const char* kKpPortMappingDescriptionKey = "description";
 
 /// Checks everything and fills `mapping`: 0, or the status that `KpAddPortToList` gives.
 int checkMapping(std::int64_t internalPort, std::int64_t externalPort, const PlistValue& protocol,
