@@ -107,10 +107,10 @@ std::optional<PortMapping> mappingOf(const PlistValue& entry) {
   const PlistValue externalPort = entry.get(kKpPortMappingRemoteIpPortKey);
   const PlistValue description = entry.get(kKpPortMappingDescriptionKey);
   PortMapping mapping;
-  const int status =
-      checkMapping(portOf(internalPort), portOf(externalPort.isNull() ? internalPort : externalPort),
-                   given(entry, kKpPortMappingProtocolKey), given(entry, kKpPortMappingLocalIpKey),
-                   given(entry, kKpPortMappingExternalIpKey), description.isString() ? description : PlistValue(), mapping);
+  const int status = checkMapping(portOf(internalPort), portOf(externalPort.isNull() ? internalPort : externalPort),
+                                  given(entry, kKpPortMappingProtocolKey), given(entry, kKpPortMappingLocalIpKey),
+                                  given(entry, kKpPortMappingExternalIpKey),
+                                  description.isString() ? description : PlistValue(), mapping);
   return status == 0 ? std::optional(mapping) : std::nullopt;
 }
 
