@@ -2,28 +2,51 @@
 
 #include <ifaddrs.h>
 #include <linux/if_packet.h>
+#include <net/if.h>
+#include <net/if_arp.h>
 #include <netinet/in.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
 #include <memory>
+
+#include "Containers/Format.h"
 
 namespace ostrel {
 namespace {
 
-socklen_t lengthOf(int family) {
-  switch (family) {
+constexpr std::size_t linkLayerHead = offsetof(sockaddr_ll, sll_addr);
+
+// The bytes of a link-layer address may reach beyond the structure: InfiniBand has 20 of them.
+socklen_t linkLayerLength(const sockaddr* address) {
+  const auto size = reinterpret_cast<const sockaddr_ll*>(address)->sll_halen;  // NOLINT: as the family says
+  return static_cast<socklen_t>(std::max(sizeof(sockaddr_ll), linkLayerHead + size));
+}
+
+socklen_t lengthOf(const sockaddr* address) {
+  switch (address->sa_family) {
     case AF_INET:
       return sizeof(sockaddr_in);
     case AF_INET6:
       return sizeof(sockaddr_in6);
     case AF_PACKET:
-      return sizeof(sockaddr_ll);
+      return linkLayerLength(address);
     default:
       return sizeof(sockaddr);
   }
 }
 
 SocketAddress copied(const sockaddr* address) {
-  return address == nullptr ? SocketAddress() : SocketAddress(address, lengthOf(address->sa_family));
+  return address == nullptr ? SocketAddress() : SocketAddress(address, lengthOf(address));
+}
+
+// getifaddrs gives an interface without a link-layer address no address at all.
+SocketAddress emptyLinkLayerAddress(const char* interface) {
+  sockaddr_ll empty{};
+  empty.sll_family = AF_PACKET;
+  empty.sll_ifindex = static_cast<int>(if_nametoindex(interface));
+  return {reinterpret_cast<const sockaddr*>(&empty), sizeof empty};  // NOLINT: how socket addresses are passed
 }
 
 class HostInterfaceAddresses final : public InterfaceAddresses {
@@ -34,7 +57,8 @@ class HostInterfaceAddresses final : public InterfaceAddresses {
     const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owned(found, &freeifaddrs);
     std::vector<InterfaceAddress> addresses;
     for (const ifaddrs* entry = found; entry != nullptr; entry = entry->ifa_next) {
-      addresses.push_back({entry->ifa_name == nullptr ? "" : entry->ifa_name, copied(entry->ifa_addr),
+      const char* name = entry->ifa_name == nullptr ? "" : entry->ifa_name;
+      addresses.push_back({name, entry->ifa_addr == nullptr ? emptyLinkLayerAddress(name) : copied(entry->ifa_addr),
                            copied(entry->ifa_netmask), entry->ifa_flags});
     }
     return addresses;
@@ -42,6 +66,18 @@ class HostInterfaceAddresses final : public InterfaceAddresses {
 };
 
 }  // namespace
+
+std::string linkLayerText(const InterfaceAddress& entry) {
+  std::string text = entry.name;
+  sockaddr_ll head{};
+  if (entry.address.family() != AF_PACKET || entry.address.length() < linkLayerHead) return text;
+  std::memcpy(&head, entry.address.get(), linkLayerHead);
+  if (head.sll_hatype == ARPHRD_LOOPBACK) return text;
+  const auto* bytes = reinterpret_cast<const unsigned char*>(entry.address.get()) + linkLayerHead;  // NOLINT: its bytes
+  const std::size_t size = std::min<std::size_t>(head.sll_halen, entry.address.length() - linkLayerHead);
+  for (std::size_t at = 0; at < size; ++at) text += format("%s%x", at == 0 ? ":" : ".", bytes[at]);
+  return text;
+}
 
 std::atomic<InterfaceAddresses*>& InterfaceAddresses::slot() {
   static std::atomic<InterfaceAddresses*> slot{

@@ -14,6 +14,26 @@
 
 namespace ostrel {
 
+/// The property names under which descriptions of interfaces give an interface's display name and its type.
+inline constexpr const char* userDefinedNameProperty = "UserDefinedName";
+inline constexpr const char* hardwareProperty = "Hardware";
+
+/// The IPv4 state of a network service.
+struct IPv4ServiceState {
+  std::string interface;                ///< that it is bound to
+  std::optional<std::string> router;    ///< numeric address
+  std::optional<std::string> hostName;  ///< that the service has
+};
+
+/// The IPv4 state of an interface: numeric addresses in its order, and the masks and broadcast addresses that belong to
+/// them. A list is empty where nothing is known.
+struct IPv4InterfaceState {
+  std::string interface;
+  std::vector<std::string> addresses;
+  std::vector<std::string> subnetMasks;
+  std::vector<std::string> broadcastAddresses;
+};
+
 /// An open connection to the configuration. Threads: one connection on one thread at a time.
 class OSTREL_EXPORT NetworkConfigurationStore {
  public:
@@ -32,6 +52,19 @@ class OSTREL_EXPORT NetworkConfigurationStore {
   /// On Linux: the interface's alias (/sys/class/net/NAME/ifalias) without surrounding white space. The text need not
   /// be UTF-8.
   virtual std::optional<std::string> displayName(const std::string& device) = 0;
+  /// The type of the interface with that system name; absent when it is not known.
+  /// On Linux, by /sys/class/net/NAME/uevent and type: "Ethernet", "IEEE80211", "Bond", "Bridge", "VLAN", "PPP",
+  /// "WWAN", "InfiniBand", "FireWire", "Tunnel" or "Loopback".
+  virtual std::optional<std::string> interfaceType(const std::string& device) = 0;
+  /// The state of IPv4 for every service, in the configuration's order.
+  /// On Linux a service is an interface that is no loopback device, is up, has its link, and has an IPv4 address. Its
+  /// router is that of its default route with the lowest metric in the main table; its host name is what /etc/hosts
+  /// calls the first of its addresses that stands there. Nothing is asked of a name server.
+  virtual std::vector<IPv4ServiceState> ipv4Services() = 0;
+  /// The state of IPv4 for every interface that has one, in the configuration's order.
+  /// On Linux: every interface with an IPv4 address, up or down, in the order of rtnetlink(7). On interfaces that can
+  /// broadcast, an address for which no broadcast address is set has the last one of its network, as the kernel has it.
+  virtual std::vector<IPv4InterfaceState> ipv4Interfaces() = 0;
 };
 
 /// Threads: may be called from any thread.

@@ -1,5 +1,6 @@
 #include "Platform/Internal/RouteMessages.h"
 
+#include <arpa/inet.h>
 #include <linux/rtnetlink.h>
 
 #include <string>
@@ -78,7 +79,8 @@ TEST(RouteMessages, TheBestDefaultRouteIsChosen) {
     DefaultRouteScan scan;
     scanRouteMessages(dump + message(NLMSG_DONE, std::string(4, '\0')), scan);
     EXPECT_TRUE(scan.ended) << what;
-    EXPECT_EQ(scan.interfaceIndex.value_or(0), index) << what;
+    const DefaultRoute* best = bestRoute(scan.routes);
+    EXPECT_EQ(best == nullptr ? 0 : best->interfaceIndex, index) << what;
   }
 }
 
@@ -88,17 +90,45 @@ TEST(RouteMessages, ADumpMayComeInSeveralDatagrams) {
   EXPECT_FALSE(scan.ended);
   scanRouteMessages(route({}, number(RTA_OIF, 3) + number(RTA_PRIORITY, 8)) + message(NLMSG_DONE, ""), scan);
   EXPECT_TRUE(scan.ended);
-  EXPECT_EQ(scan.interfaceIndex, 2U);
+  EXPECT_EQ(bestRoute(scan.routes)->interfaceIndex, 2U);
+}
+
+TEST(RouteMessages, AddressesOfBothKindsOfLinks) {
+  const auto address = [](const std::string& attributes, unsigned char prefix = 24, unsigned char family = AF_INET) {
+    ifaddrmsg body{};
+    body.ifa_family = family;
+    body.ifa_prefixlen = prefix;
+    body.ifa_index = 3;
+    return message(RTM_NEWADDR, bytesOf(body) + attributes);
+  };
+  const auto dotted = [](unsigned short type, std::uint32_t value) { return number(type, htonl(value)); };
+  AddressScan scan;
+  scanAddressMessages(address(dotted(IFA_ADDRESS, 0xC0000201) + dotted(IFA_BROADCAST, 0xC00002FF)) +
+                          address(dotted(IFA_LOCAL, 0xC0000202) + dotted(IFA_ADDRESS, 0xC0000203), 32) +
+                          address(dotted(IFA_ADDRESS, 0xC0000204) + dotted(IFA_LOCAL, 0xC0000205), 0) + address("") +
+                          address(dotted(IFA_LOCAL, 1), 33) + address(dotted(IFA_LOCAL, 1), 24, AF_INET6) +
+                          message(NLMSG_DONE, ""),
+                      scan);
+  EXPECT_TRUE(scan.ended);
+  ASSERT_EQ(scan.addresses.size(), 3U);
+  const std::uint32_t expected[][2] = {{0xC0000201, 0xFFFFFF00}, {0xC0000202, 0xFFFFFFFF}, {0xC0000205, 0}};
+  for (std::size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(scan.addresses[i].address, expected[i][0]);
+    EXPECT_EQ(scan.addresses[i].mask, expected[i][1]);
+    EXPECT_EQ(scan.addresses[i].interfaceIndex, 3U);
+  }
+  EXPECT_EQ(scan.addresses[0].broadcast, 0xC00002FF);
+  EXPECT_FALSE(scan.addresses[1].broadcast);
 }
 
 // Under the address sanitizer: no length, whatever it says, leads outside the datagram, and every scan ends.
 TEST(RouteMessages, TornAndCorruptedMessagesAreReadSafely) {
-  const std::string whole =
-      route({}, number(RTA_OIF, 2) + attribute(RTA_MULTIPATH, nextHop(4, RTNH_F_DEAD) + nextHop(5, 0)));
+  const std::string whole = route({}, number(RTA_OIF, 2) + attribute(RTA_VIA, "\2") +
+                                          attribute(RTA_MULTIPATH, nextHop(4, RTNH_F_DEAD) + nextHop(5, 0)));
   for (std::size_t size = 0; size < whole.size(); ++size) {
     DefaultRouteScan scan;
     scanRouteMessages(std::string(whole, 0, size), scan);
-    EXPECT_FALSE(scan.interfaceIndex) << size;
+    EXPECT_TRUE(scan.routes.empty()) << size;
   }
   for (std::size_t at = 0; at < whole.size(); ++at) {
     for (const char value : {'\0', '\1', '\3', '\x7F', '\xFF'}) {
@@ -106,6 +136,9 @@ TEST(RouteMessages, TornAndCorruptedMessagesAreReadSafely) {
       corrupted[at] = value;
       DefaultRouteScan scan;
       scanRouteMessages(corrupted, scan);
+      corrupted[4] = RTM_NEWADDR;
+      AddressScan addresses;
+      scanAddressMessages(corrupted, addresses);
     }
   }
 }

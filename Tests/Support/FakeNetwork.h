@@ -1,8 +1,13 @@
 // Fakes of the services that tell of the machine's network.
 #pragma once
 
+#include <linux/if_packet.h>
+#include <net/if_arp.h>
 #include <netdb.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <set>
@@ -32,6 +37,20 @@ class FakeInterfaces final : public InterfaceAddresses {
   }
   FakeInterfaces& addWithoutAddress(const std::string& name) {
     entries_.push_back({name, {}, {}, 0});
+    return *this;
+  }
+  /// A link-layer entry; `kind` is of ARPHRD_...
+  FakeInterfaces& addLink(const std::string& name, const std::vector<unsigned char>& bytes,
+                          unsigned short kind = ARPHRD_ETHER) {
+    alignas(sockaddr_ll) unsigned char storage[sizeof(sockaddr_storage)] = {};
+    sockaddr_ll head{};
+    head.sll_family = AF_PACKET;
+    head.sll_hatype = kind;
+    head.sll_halen = static_cast<unsigned char>(bytes.size());
+    std::memcpy(storage, &head, sizeof head);
+    const std::size_t room = sizeof storage - offsetof(sockaddr_ll, sll_addr);
+    std::copy_n(bytes.begin(), std::min(bytes.size(), room), storage + offsetof(sockaddr_ll, sll_addr));
+    entries_.push_back({name, {reinterpret_cast<const sockaddr*>(storage), sizeof storage}, {}, 0});
     return *this;
   }
   std::vector<InterfaceAddress> list() override { return entries_; }
@@ -88,7 +107,10 @@ class FakeNetworkConfiguration final : public NetworkConfiguration {
   std::optional<std::string> primaryIPv4;
   std::optional<std::string> primaryIPv6;
   std::vector<std::pair<std::string, std::string>> displayNames;  ///< devices of the configured services
-  std::string clientName;                                         ///< who opened the last connection
+  std::vector<std::pair<std::string, std::string>> types;         ///< interfaces whose type is known
+  std::vector<IPv4ServiceState> services;
+  std::vector<IPv4InterfaceState> states;
+  std::string clientName;  ///< who opened the last connection
 
   std::unique_ptr<NetworkConfigurationStore> open(std::string_view client) override {
     clientName = client;
@@ -109,12 +131,20 @@ class FakeNetworkConfiguration final : public NetworkConfiguration {
       return devices;
     }
     std::optional<std::string> displayName(const std::string& device) override {
-      for (const auto& [known, name] : of_.displayNames)
-        if (known == device) return name;
+      return known(of_.displayNames, device);
+    }
+    std::optional<std::string> interfaceType(const std::string& device) override { return known(of_.types, device); }
+    std::vector<IPv4ServiceState> ipv4Services() override { return of_.services; }
+    std::vector<IPv4InterfaceState> ipv4Interfaces() override { return of_.states; }
+
+   private:
+    static std::optional<std::string> known(const std::vector<std::pair<std::string, std::string>>& table,
+                                            const std::string& device) {
+      for (const auto& [name, value] : table)
+        if (name == device) return value;
       return std::nullopt;
     }
 
-   private:
     const FakeNetworkConfiguration& of_;
   };
 };

@@ -3,21 +3,51 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "Containers/Export.h"
 
 namespace ostrel::detail {
 
-/// Gathers the default route of one dump of routes.
-struct DefaultRouteScan {
-  std::optional<unsigned int> interfaceIndex;  ///< of the best route so far
-  std::uint32_t metric = 0;                    ///< its metric
-  bool ended = false;                          ///< the dump's last message, or an error, was seen
+/// One next hop of a default route.
+struct DefaultRoute {
+  unsigned int interfaceIndex = 0;
+  std::uint32_t metric = 0;
+  std::string router;  ///< numeric address; "" where the route has none
 };
 
-/// Takes the messages of one datagram. The default route is a unicast one of prefix length 0 in the main table whose
-/// next hop is up; the lowest metric wins, among equals the first. Bytes that do not form messages end the scan.
+/// Gathers the default routes of one dump of routes.
+struct DefaultRouteScan {
+  std::vector<DefaultRoute> routes;  ///< in the dump's order
+  bool ended = false;                ///< the dump's last message, or an error, was seen
+};
+
+/// Takes the messages of one datagram. A default route is a unicast one of prefix length 0 in the main table; it counts
+/// once for each of its next hops that is up. Bytes that do not form messages end the scan.
 OSTREL_EXPORT void scanRouteMessages(std::string_view datagram, DefaultRouteScan& scan);
+
+/// The route of the lowest metric, among equals the first; of one interface where `interfaceIndex` is not 0. Null when
+/// there is none.
+OSTREL_EXPORT const DefaultRoute* bestRoute(const std::vector<DefaultRoute>& routes, unsigned int interfaceIndex = 0);
+
+/// An IPv4 address of an interface; addresses are 32 bits in host order.
+struct AssignedAddress {
+  unsigned int interfaceIndex = 0;
+  std::uint32_t address = 0;
+  std::uint32_t mask = 0;
+  std::optional<std::uint32_t> broadcast;  ///< where one is set
+};
+
+/// Gathers the IPv4 addresses of one dump of addresses.
+struct AddressScan {
+  std::vector<AssignedAddress> addresses;  ///< in the dump's order
+  bool ended = false;
+};
+
+/// Takes the messages of one datagram, as `scanRouteMessages` does. On a point-to-point link the address is the local
+/// one.
+OSTREL_EXPORT void scanAddressMessages(std::string_view datagram, AddressScan& scan);
 
 }  // namespace ostrel::detail
