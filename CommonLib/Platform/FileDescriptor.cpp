@@ -17,8 +17,10 @@ namespace {
 
 constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
 
+/// Held to the range: a file's owner may date it far beyond the year 2262.
 std::int64_t nanosecondsOf(const timespec& time) {
-  return std::int64_t{time.tv_sec} * nanosecondsPerSecond + time.tv_nsec;
+  constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max() / nanosecondsPerSecond - 1;
+  return std::clamp<std::int64_t>(time.tv_sec, -most, most) * nanosecondsPerSecond + time.tv_nsec;
 }
 
 FileStatus statusFrom(const struct stat& found) {

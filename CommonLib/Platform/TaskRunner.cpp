@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <future>
 #include <new>
 #include <system_error>
@@ -199,13 +200,38 @@ class Capture {
   bool cut_ = false;
 };
 
+/// The time that a program has, which ends once.
+class TimeLimit {
+ public:
+  explicit TimeLimit(std::optional<std::chrono::milliseconds> limit) {
+    if (limit) end_ = Clock::now() + *limit;
+  }
+  /// What is left for poll(2); -1 without limit and once it has been taken.
+  int millisecondsLeft() const {
+    if (end_ == never) return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now()).count();
+    return static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX));
+  }
+  bool takeEnd() {
+    if (millisecondsLeft() != 0) return false;
+    end_ = never;
+    return true;
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  static constexpr Clock::time_point never = Clock::time_point::max();
+  Clock::time_point end_ = never;
+};
+
 /// Reads until the program has ended and collects it. False with errno when its status cannot be had.
-bool waitForEnd(pid_t child, Capture& capture, siginfo_t& end) {
+bool waitForEnd(pid_t child, Capture& capture, TimeLimit limit, siginfo_t& end, bool& timedOut) {
   constexpr int lookAgainMilliseconds = 20;  // only where a sandbox denies handles on processes
   const FileDescriptor handle = detail::openProcess(child);
   for (;;) {
     pollfd sources[] = {{handle.get(), POLLIN, 0}, {capture.descriptor(), POLLIN, 0}};
-    detail::retried([&] { return ::poll(sources, 2, handle ? -1 : lookAgainMilliseconds); });
+    detail::retried([&] { return ::poll(sources, 2, handle ? limit.millisecondsLeft() : lookAgainMilliseconds); });
+    if (limit.takeEnd()) timedOut = ::kill(child, SIGKILL) == 0;  // not collected yet: the id is still its own
     if (sources[1].revents != 0) capture.readOnce();
     if (handle && sources[0].revents == 0) continue;
     if (detail::retried([&] { return waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG); }) != 0)
@@ -242,9 +268,9 @@ class HostTaskRunner final : public TaskRunner {
     pipe.writeEnd.reset();
     Capture capture(std::move(pipe.readEnd), task.outputLimit);
     siginfo_t end{};
-    if (!waitForEnd(child, capture, end)) return std::nullopt;
-    capture.readRest();
     TaskOutcome outcome;
+    if (!waitForEnd(child, capture, TimeLimit(task.timeLimit), end, outcome.timedOut)) return std::nullopt;
+    capture.readRest();
     outcome.status = end.si_code == CLD_EXITED ? end.si_status : 128 + end.si_status;
     capture.moveTo(outcome);
     return outcome;
@@ -280,6 +306,11 @@ class HostTaskRunner final : public TaskRunner {
 };
 
 }  // namespace
+
+bool isProgram(const std::string& path) {
+  const auto status = fileStatus(path);
+  return status && status->isRegularFile() && ::faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0;
+}
 
 std::atomic<TaskRunner*>& TaskRunner::slot() {
   static HostTaskRunner host;

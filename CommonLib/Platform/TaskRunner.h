@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -33,12 +34,15 @@ struct Task {
   TaskStream output = TaskStream::inherited;
   TaskStream errors = TaskStream::inherited;
   std::size_t outputLimit = std::size_t{1} << 20;  ///< bytes kept of what is captured; the rest is read and dropped
+  /// How long `run` waits before it kills the program (not what that has started). Absent: without limit.
+  std::optional<std::chrono::milliseconds> timeLimit;
 };
 
 struct TaskOutcome {
   int status = 0;  ///< the exit status, or 128 and the number of the signal that ended it
   std::string output;
   bool outputCut = false;  ///< more was written than the limit keeps
+  bool timedOut = false;   ///< it was killed at its time limit
 };
 
 /// Threads: every operation may be called from any thread; callers do not wait for one another. Nobody else may
@@ -48,10 +52,10 @@ class OSTREL_EXPORT TaskRunner {
   virtual ~TaskRunner() = default;
   static TaskRunner& current() { return *slot().load(std::memory_order_acquire); }
 
-  /// Runs a program and waits, without limit, until it ends; what it leaves running is not waited for, even where it
-  /// holds on to the output. The input is given as a file, so a program that never reads it, or stops reading, holds
-  /// nothing up. Absent with errno when the program cannot be started (ENOENT, EACCES, ENOEXEC; EINVAL for a text with
-  /// a NUL, E2BIG) or its status cannot be had.
+  /// Runs a program and waits, without limit unless the task has one, until it ends; what it leaves running is not
+  /// waited for, even where it holds on to the output. The input is given as a file, so a program that never reads it,
+  /// or stops reading, holds nothing up. Absent with errno when the program cannot be started (ENOENT, EACCES, ENOEXEC;
+  /// EINVAL for a text with a NUL, E2BIG) or its status cannot be had.
   virtual std::optional<TaskOutcome> run(const Task& task) = 0;
 
   /// Starts a program in a session of its own and returns; its end is collected while this process lives, and it
@@ -62,5 +66,8 @@ class OSTREL_EXPORT TaskRunner {
   friend class ScopedOverride<TaskRunner>;
   static std::atomic<TaskRunner*>& slot();
 };
+
+/// Whether this process may run the regular file that the path leads to (access(2)). Safe from any thread.
+OSTREL_EXPORT bool isProgram(const std::string& path);
 
 }  // namespace ostrel
