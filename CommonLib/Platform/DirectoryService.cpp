@@ -116,6 +116,19 @@ DirectoryStatus packFacts(const DirectoryNode& node, const DirectoryDataList& na
   return directoryStatus::success;
 }
 
+template <class Select>
+DirectoryStatus listNodes(DirectoryHandle session, DirectoryDataBuffer* buffer, std::uint32_t* count,
+                          DirectoryHandle* continuation, const Select& select) noexcept {
+  if (count != nullptr) *count = 0;
+  if (continuation != nullptr) *continuation = 0;
+  if (buffer == nullptr || count == nullptr) return directoryStatus::invalidArgument;
+  return answered([&]() -> DirectoryStatus {
+    const auto opened = openSession(session);
+    if (!opened) return directoryStatus::invalidHandle;
+    return packNodes(select(*opened->nodes), *buffer, *count);
+  });
+}
+
 }  // namespace
 
 DirectoryStatus dsOpenDirService(DirectoryHandle* session) noexcept {
@@ -160,26 +173,13 @@ DirectoryStatus dsCloseDirService(DirectoryHandle session) noexcept {
 
 DirectoryStatus dsFindDirNodes(DirectoryHandle session, DirectoryDataBuffer* buffer, std::uint32_t nodeType,
                                std::uint32_t* count, DirectoryHandle* continuation) noexcept {
-  if (count != nullptr) *count = 0;
-  if (continuation != nullptr) *continuation = 0;
-  if (buffer == nullptr || count == nullptr) return directoryStatus::invalidArgument;
-  return answered([&]() -> DirectoryStatus {
-    const auto opened = openSession(session);
-    if (!opened) return directoryStatus::invalidHandle;
-    return packNodes(opened->nodes->nodesOfType(nodeType), *buffer, *count);
-  });
+  return listNodes(session, buffer, count, continuation,
+                   [nodeType](const detail::NodeSet& set) { return set.nodesOfType(nodeType); });
 }
 
 DirectoryStatus dsGetDirNodeList(DirectoryHandle session, DirectoryDataBuffer* buffer, std::uint32_t* count,
                                  DirectoryHandle* continuation) noexcept {
-  if (count != nullptr) *count = 0;
-  if (continuation != nullptr) *continuation = 0;
-  if (buffer == nullptr || count == nullptr) return directoryStatus::invalidArgument;
-  return answered([&]() -> DirectoryStatus {
-    const auto opened = openSession(session);
-    if (!opened) return directoryStatus::invalidHandle;
-    return packNodes(opened->nodes->nodes(), *buffer, *count);
-  });
+  return listNodes(session, buffer, count, continuation, [](const detail::NodeSet& set) { return set.nodes(); });
 }
 
 DirectoryStatus dsGetDirNodeName(DirectoryHandle session, const DirectoryDataBuffer* buffer, std::uint32_t index,
