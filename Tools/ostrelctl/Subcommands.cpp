@@ -5,6 +5,7 @@
 #include "ostrelctl/HistoryCommand.h"
 #include "ostrelctl/ModulesCommand.h"
 #include "ostrelctl/PortsCommand.h"
+#include "ostrelctl/ServicesCommand.h"
 #include "ostrelctl/StatusCommand.h"
 
 namespace ostrel {
@@ -16,6 +17,7 @@ constexpr SubcommandEntry table[] = {
     {"modules", "List the daemon's modules", makeModulesCommand},
     {"config", "Read and change configuration files of this machine, without the daemon", makeConfigCommand},
     {"ports", "List and change the port mappings of this machine's NAT gateway, without the daemon", makePortsCommand},
+    {"services", "List, show and switch the services of this machine, without the daemon", makeServicesCommand},
     {"history", "Draw the samples that a module has taken", makeHistoryCommand},
 };
 
