@@ -58,8 +58,8 @@ void batchBesideItsSlowest(benchmark::State& state) {
     const PlistValue answer = manager.doBatchCommand(batch, "benchmark");
     batchTimes.push_back(Milliseconds(Clock::now() - between).count());
     aloneTimes.push_back(Milliseconds(between - start).count());
-    const auto responses = answer.get("responsesArray").elements();
-    check(responses.size() == modules && std::ranges::all_of(responses, [](const PlistValue& element) {
+    const PlistValue responses = answer.get("responsesArray");
+    check(responses.count() == modules && std::ranges::all_of(responses.elements(), [](const PlistValue& element) {
             return element.get("response").contains("number");
           }));
   }

@@ -1,6 +1,8 @@
 // The text form of values, as "%@" prints it.
 #include <algorithm>
 #include <charconv>
+#include <cmath>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -61,13 +63,28 @@ void appendMemberString(std::string& out, std::string_view text) {
   out += '"';
 }
 
-void appendNumber(std::string& out, const PlistValue& value) {
+void appendDigits(std::string& out, auto number) {
   char digits[64];
-  char* const end = digits + sizeof digits;
-  const auto written = value.isReal()            ? std::to_chars(digits, end, value.doubleValue())
-                       : value.doubleValue() < 0 ? std::to_chars(digits, end, value.int64Value())
-                                                 : std::to_chars(digits, end, value.uint64Value());
-  out.append(digits, written.ptr);
+  out.append(digits, std::to_chars(digits, digits + sizeof digits, number).ptr);
+}
+
+/// A real that equals an integer prints like it, as equal values must.
+void appendReal(std::string& out, double real) {
+  const double magnitude = std::fabs(real);
+  if (std::isnan(real)) {
+    out += "nan";
+  } else if (magnitude == std::trunc(magnitude) && magnitude < 18446744073709551616.0) {
+    if (real < 0) out += '-';
+    appendDigits(out, static_cast<std::uint64_t>(magnitude));
+  } else {
+    appendDigits(out, real);
+  }
+}
+
+void appendNumber(std::string& out, const PlistValue& value) {
+  if (value.isReal()) return appendReal(out, value.doubleValue());
+  if (value.doubleValue() < 0) return appendDigits(out, value.int64Value());
+  appendDigits(out, value.uint64Value());
 }
 
 void appendDate(std::string& out, PlistDate date) {

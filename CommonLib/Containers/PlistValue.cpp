@@ -189,12 +189,12 @@ std::size_t PlistValue::count() const noexcept {
   return cell_.tag >= Tag::array ? static_cast<detail::ContainerNode*>(node())->count : 0;
 }
 
-std::span<const PlistEntry> PlistValue::entries() const noexcept {
+std::span<const PlistEntry> PlistValue::entries() const& noexcept {
   const auto* dictionary = PlistStorage::dictionary(*this);
   return dictionary == nullptr ? std::span<const PlistEntry>() : std::span(dictionary->members, dictionary->count);
 }
 
-std::span<const PlistValue> PlistValue::elements() const noexcept {
+std::span<const PlistValue> PlistValue::elements() const& noexcept {
   const auto* array = PlistStorage::array(*this);
   return array == nullptr ? std::span<const PlistValue>() : std::span(array->members, array->count);
 }
@@ -222,7 +222,7 @@ std::span<char> PlistValue::changeData(std::string_view key) {
   auto* dictionary = PlistStorage::dictionary(*this);
   const PlistValue* found = find(key);
   if (found == nullptr || !found->isData() || !dictionary->isMutable) return {};
-  if (!PlistStorage::isSoleOwner(*found)) set(key, PlistData{found->dataBytes()});
+  if (found->shareCount() != 1) set(key, PlistData{found->dataBytes()});
   auto* bytes = static_cast<detail::BytesNode*>(find(key)->node());
   return {bytes->bytes(), bytes->length};
 }

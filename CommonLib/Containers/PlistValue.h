@@ -138,6 +138,12 @@ class OSTREL_EXPORT PlistValue {
   bool isIdentical(const PlistValue& other) const noexcept {
     return std::memcmp(&cell_, &other.cell_, sizeof cell_) == 0;
   }
+  /// How many handles share the value, this one included; 1 for what lives in the handle. 1 is a lasting answer, since
+  /// nobody else can take a share; other threads may copy and drop their handles after any other.
+  std::uint32_t shareCount() const noexcept {
+    if (!holdsNode()) return 1;
+    return std::atomic_ref(*reinterpret_cast<std::uint32_t*>(cell_.bits)).load(std::memory_order_acquire);
+  }
   /// Equality by value. Key order does not matter; mutability does not matter; numbers and booleans compare by
   /// numeric value across integer and real; NaN equals NaN.
   OSTREL_EXPORT friend bool operator==(const PlistValue& left, const PlistValue& right);
@@ -185,15 +191,18 @@ class OSTREL_EXPORT PlistValue {
   std::span<char> changeData(std::string_view key);
   /// Dictionary: true when `key` was there and is gone. Linear in the count: the others keep their order.
   bool remove(std::string_view key);
-  /// Dictionary: its entries in order, empty for other kinds. Valid until the next write.
-  std::span<const PlistEntry> entries() const noexcept;
+  /// Dictionary: its entries in order, empty for other kinds. Valid until the next write, and as long as the value: a
+  /// temporary handle may be the last one on it, so it is not asked.
+  std::span<const PlistEntry> entries() const& noexcept;
+  std::span<const PlistEntry> entries() const&& = delete;
 
   /// Array: the element, or null past the end.
   PlistValue at(std::size_t index) const noexcept {
     return index < elements().size() ? elements()[index] : PlistValue();
   }
-  /// Array: its elements in order, empty for other kinds. Valid until the next write.
-  std::span<const PlistValue> elements() const noexcept;
+  /// Array: its elements in order, empty for other kinds. As `entries`.
+  std::span<const PlistValue> elements() const& noexcept;
+  std::span<const PlistValue> elements() const&& = delete;
   /// Array writes: false, and nothing changed, when this is not a mutable array, the value is null or this array
   /// itself, or the index is out of range (`insert` allows the end).
   bool append(PlistValue value);
@@ -295,11 +304,11 @@ class OSTREL_EXPORT PlistValue {
 
   // Text.
 
-  /// The text form that "%@" prints: a string as it is, null as "(null)", booleans as 1 and 0, reals by their
-  /// shortest exact digits, dates as "2011-08-15 16:08:25 +0000", data as "<0a1bff>", containers in braces or
-  /// parentheses, a member a line. Keys are sorted by bytes, so equal trees print alike. Indentation ends at the
-  /// sixteenth level, and a container below `maximumPlistDepth` others is printed as "{...}" or "(...)". Strings are
-  /// printed as the bytes that they are, in containers with their controls escaped.
+  /// The text form that "%@" prints: a string as it is, null as "(null)", booleans as 1 and 0, reals as the
+  /// integer that they equal or by their shortest exact digits, dates as "2011-08-15 16:08:25 +0000", data as
+  /// "<0a1bff>", containers in braces or parentheses, a member a line. Keys are sorted by bytes, so equal trees print
+  /// alike. Indentation ends at the sixteenth level, and a container below `maximumPlistDepth` others is printed as
+  /// "{...}" or "(...)". Strings are printed as the bytes that they are, in containers with their controls escaped.
   std::string description() const;
 
  private:

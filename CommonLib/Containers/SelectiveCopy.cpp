@@ -139,7 +139,7 @@ class SelectiveCopy {
       return Target{made, into.isPrivate};
     }
     // What only a private container holds is private too.
-    return Target{*existing, into.isPrivate && detail::PlistStorage::isSoleHandle(*existing)};
+    return Target{*existing, into.isPrivate && existing->shareCount() == 1};
   }
 
   /// Where nothing is found under the key.

@@ -77,7 +77,8 @@ std::optional<DirectoryMemberships> DirectoryMemberships::ofUser(std::string_vie
   if (user.identifier_.empty()) return std::nullopt;
   user.primaryGroup_ = firstValue(record, directoryName::primaryGroupID);
   user.names_.emplace_back(name);
-  for (const PlistValue& alias : record.get(directoryName::recordName).elements()) {
+  const PlistValue names = record.get(directoryName::recordName);
+  for (const PlistValue& alias : names.elements()) {
     if (alias == PlistValue(name)) continue;
     const PlistValue other = recordNamed(*user.node_, directoryName::users, alias.stringValue());
     if (userIdentifier(other) == user.identifier_) user.names_.emplace_back(alias.stringValue());

@@ -175,6 +175,14 @@ TEST(PlistValue, DescribesEqualTreesAlikeAndKeepsLogLinesWhole) {
   EXPECT_EQ(PlistValue(PlistDate{1313424505}).description(), "2011-08-15 16:08:25 +0000");
   EXPECT_EQ(PlistValue(PlistDate{-1}).description(), "1969-12-31 23:59:59 +0000");
   EXPECT_EQ(PlistValue(0.1).description(), "0.1");
+  const std::pair<double, PlistValue> equals[] = {
+      {1e5, 100000},        {-1e6, -1000000}, {-0.0, 0},  {1e19, 10000000000000000000U},
+      {-0x1p63, INT64_MIN}, {1, true},        {-NAN, NAN}};
+  for (const auto& [real, other] : equals) {
+    ASSERT_EQ(PlistValue(real), other);
+    EXPECT_EQ(PlistValue(real).description(), other.description());
+  }
+  EXPECT_EQ(PlistValue(-1e20).description(), "-1e+20");
   EXPECT_EQ(PlistValue(UINT64_MAX).description(), "18446744073709551615");
   EXPECT_EQ(PlistValue(INT64_MIN).description(), "-9223372036854775808");
   EXPECT_EQ(PlistValue::arrayOf({"a\nb\x01"}).description(), "(\n    \"a\\nb\\001\"\n)");

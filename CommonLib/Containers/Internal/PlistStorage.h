@@ -165,10 +165,6 @@ class PlistStorage {
     if (copy.holdsNode()) ++copy.node()->references;
     return copy;
   }
-  /// Whether this handle on a heap value is the only one: nobody else can then take a share of it.
-  static bool isSoleOwner(const PlistValue& value) noexcept {
-    return std::atomic_ref(value.node()->references).load(std::memory_order_acquire) == 1;
-  }
   static void markPlainKeys(PlistValue& dictionaryValue) noexcept { dictionaryValue.node()->hasPlainKeys = true; }
   static bool hasPlainKeys(const PlistValue& dictionaryValue) noexcept { return dictionaryValue.node()->hasPlainKeys; }
 
@@ -193,10 +189,6 @@ class PlistStorage {
   static const PlistValue* find(const PlistValue& dictionaryValue, const PlistValue& key, std::uint64_t hash) noexcept;
   /// As `PlistValue::set`, through any handle.
   static bool set(const PlistValue& dictionaryValue, const PlistValue& key, std::uint64_t hash, PlistValue value);
-  /// Whether this handle is the only one on its node. Requires: a container.
-  static bool isSoleHandle(const PlistValue& container) noexcept {
-    return std::atomic_ref(container.node()->references).load(std::memory_order_relaxed) == 1;
-  }
   /// What tells one container from another. Requires: a container.
   static const void* identity(const PlistValue& container) noexcept { return container.node(); }
 
