@@ -20,7 +20,7 @@ struct Owner {
 };
 
 bool ownerNotSet(const std::string& path) {
-  logNotice("Error: Couldn't set the owner and group of file %@", path);
+  logNotice("[%d] Error: Couldn't set the owner and group of file %@", processId(), path);
   return false;
 }
 

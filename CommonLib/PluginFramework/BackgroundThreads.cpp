@@ -61,6 +61,9 @@ bool BackgroundThreads::tryStart(const std::function<void()>& work) {
   } catch (const std::system_error&) {
     state_->add(-1);
     return false;
+  } catch (...) {  // no memory
+    state_->add(-1);
+    throw;
   }
 }
 

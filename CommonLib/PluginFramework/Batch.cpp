@@ -63,8 +63,9 @@ void BundleManager::runBatchItem(const BatchItem& item) {
     if (item.observer) item.observer(item, response, Clock::current().monotonic() - begun);
     item.results->add(response, item.module, item.request.get("command"));
   } catch (...) {
-    logNotice("Exception in doBatchCommand (module = %@): %@", item.module, detail::describeCurrentException());
-    logNotice("--request was %@", item.request);
+    logNotice("[%d] Exception in doBatchCommand (module = %@): %@", processId(), item.module,
+              detail::describeCurrentException());
+    logNotice("[%d] --request was %@", processId(), item.request);
   }
 }
 

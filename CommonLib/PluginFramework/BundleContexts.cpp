@@ -152,7 +152,7 @@ std::string BundleManager::contextHolder(std::string_view module) const {
   if (holder == contextHolders.end() || holder->second.isNull()) return "no request of this process holds";
   const PlistValue& marker = holder->second;
   const double seconds = Clock::current().now().secondsSince1970 - marker.get("Timestamp").dateValue().secondsSince1970;
-  return format("%s %.96s holds, begun %.0f seconds ago", module, marker.get("Command").stringValue(),
+  return format("%s %.96s had last, begun %.0f seconds ago", module, marker.get("Command").stringValue(),
                 std::max(seconds, 0.0));
 }
 

@@ -203,19 +203,35 @@ PlistValue BundleManager::runInContext(const PlistValue& request, std::string_vi
   return response;
 }
 
-// Every handler has the request entry, so there is none to answer for that lacks it. Responses are returned as values:
-// no count of owners is handed over that could be checked.
+namespace {
+
+/// A diagnostic only. The response is read after the module's lock is given up: one that can change meanwhile must have
+/// no other owner, such as the context or the module.
+void checkOwners(const PlistValue& response, std::string_view module, const PlistValue& request) {
+  const unsigned long owners = response.shareCount();
+  if (owners == 1 || !response.isMutable()) return;
+  logNotice("[%d] --Module %@'s response has retain count of %lu.", processId(), module, owners);
+  logNotice("[%d] --request was %@", processId(), request);
+  logNotice("[%d] --response was %@", processId(), response);
+}
+
+}  // namespace
+
+// Every handler has the request entry, so there is none to answer for that lacks it.
 PlistValue BundleManager::runRequest(PluginRequestHandler& handler, const PlistValue& request, std::string_view module,
                                      const PlistValue& context, int* lockFileFD) {
   try {
     PlistValue response = handler.doProcessInputWithRequest(request, context, lockFileFD);
-    if (!response.isNull()) return response;
-    logNotice("--Module %@ returned nil response", module);
+    if (!response.isNull()) {
+      checkOwners(response, module, request);
+      return response;
+    }
+    logNotice("[%d] --Module %@ returned nil response", processId(), module);
     return errorResponse(errors::unexpectedCommand);
   } catch (...) {
     const PlistValue reason = detail::describeCurrentException();
-    logNotice("Exception in doCommand for module %@: %@", module, reason);
-    logNotice("--request was %@", request);
+    logNotice("[%d] Exception in doCommand for module %@: %@", processId(), module, reason);
+    logNotice("[%d] --request was %@", processId(), request);
     return reason.isNull() ? PlistValue() : errorResponse(format("NIL_RESPONSE_ERR (%@)", reason));
   }
 }
@@ -236,8 +252,8 @@ void BundleManager::postCommandNotification(const Notification& notification) {
   try {
     NotificationCenter::defaultCenter().postNotification(notification);
   } catch (...) {
-    logNotice("Exception in postCommandNotification: %@ notification was :%@", detail::describeCurrentException(),
-              notification.description());
+    logNotice("[%d] Exception in postCommandNotification: %@ notification was :%@", processId(),
+              detail::describeCurrentException(), notification.description());
   }
 }
 

@@ -145,9 +145,10 @@ class OSTREL_EXPORT BundleManager {
   /// not newer, in whole seconds: what another process wrote in the second of this host's own last use is not seen, and
   /// gone with its next write. `*outFileDescriptor` is the open file. Tries for the lock every 100 ms: 1,200 times,
   /// 9,000 for the modules "ostrel_accounts", "ostrel_mail", "ostrel_print", "ostrel_swupdate" and "ostrel_web"; then
-  /// writes the deadlock report and ends the process. A wait of 10 seconds is logged once, with who holds the lock.
-  /// Null with `*timedout` true when the file cannot be opened; a name with "/" or NUL in it names no file. Throws
-  /// ContextError, keeping the lock, when the status of the locked file cannot be read.
+  /// writes the deadlock report and ends the process. A wait of 10 seconds is logged once, with the request of this
+  /// process that had the lock last, if it still runs. Null with `*timedout` true when the file cannot be opened; a
+  /// name with "/" or NUL in it names no file. Throws ContextError, keeping the lock, when the status of the locked
+  /// file cannot be read.
   PlistValue getAndLockContext(std::string_view module, int* outFileDescriptor, bool* timedout);
   /// `setAndUnlockContext:forModule:inoutFileDescriptor:`: writes the context back if it is dirty (without "_user_"),
   /// renews its cache entry, unlocks and closes; the descriptor becomes -1. Does nothing when it is -1 already.

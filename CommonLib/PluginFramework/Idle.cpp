@@ -60,14 +60,15 @@ void BundleManager::doIdle() {
       try {
         arguments.giveTo(*handler, context, &lockFileFD);
       } catch (...) {
-        logNotice("Exception during idle processing: %@ for module %@", detail::describeCurrentException(), module);
+        logNotice("[%d] Exception during idle processing: %@ for module %@", processId(),
+                  detail::describeCurrentException(), module);
       }
       setAndUnlockContext(context, module, &lockFileFD);
       removeMarker(marker);
     }
     if (plugInLogging) logNotice("[%d] Done with idle processing", processId());
   } catch (...) {
-    logNotice("Exception during doIdle: %@", detail::describeCurrentException());
+    logNotice("[%d] Exception during doIdle: %@", processId(), detail::describeCurrentException());
   }
 }
 
@@ -90,7 +91,7 @@ void BundleManager::doIdle(std::string_view module) {
     try {
       if (handler != nullptr) arguments.giveTo(*handler, context, &lockFileFD);
     } catch (...) {
-      logNotice("Exception in doIdle (%@): %@", module, detail::describeCurrentException());
+      logNotice("[%d] Exception in doIdle (%@): %@", processId(), module, detail::describeCurrentException());
     }
     setAndUnlockContext(context, module, &lockFileFD);
     if (plugInLogging) logNotice("[%d] finished request for module %@", processId(), module);

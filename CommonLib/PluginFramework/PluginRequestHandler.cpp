@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <typeindex>
 #include <unordered_map>
 #include <utility>
@@ -28,6 +29,7 @@ struct RequestState {
   PlistValue context;
   PlistValue request;
   int lockFileFD = -1;
+  bool isRunning = false;  // not what an exception left behind
 };
 
 std::unordered_map<std::type_index, RequestState>& statesByClass() {
@@ -39,6 +41,35 @@ std::unordered_map<std::type_index, RequestState>& statesByClass() {
 RequestState* findState(const PluginRequestHandler& handler) {
   const auto found = statesByClass().find(typeid(handler));
   return found == statesByClass().end() ? nullptr : &found->second;
+}
+
+/// Runs an operation with an entry of its own. An operation that is under way on this thread already, in a handler of
+/// the same class, finds its entry again afterwards: without it, the lock that it holds would never be given up.
+auto runWithState(PluginRequestHandler& handler, const PlistValue& context, const PlistValue& request, int* lockFileFD,
+                  const auto& operation) {
+  const RequestState* entered = findState(handler);
+  const std::optional<RequestState> outer =
+      entered != nullptr && entered->isRunning ? std::optional(*entered) : std::nullopt;
+  const auto leave = [&] {
+    if (outer) statesByClass().insert_or_assign(typeid(handler), *outer);
+  };
+  handler.storeContext(context, request, lockFileFD);
+  findState(handler)->isRunning = true;
+  try {
+    auto result = operation();
+    *lockFileFD = handler.cleanupFromRequest();
+    leave();
+    return result;
+  } catch (...) {
+    // The entry is left for the next request to overwrite, but the host must not close a descriptor that the operation
+    // has given up already, nor a later `unlockContext` one that is another file's by then.
+    if (RequestState* state = findState(handler)) {
+      *lockFileFD = std::exchange(state->lockFileFD, -1);
+      state->isRunning = false;
+    }
+    leave();
+    throw;
+  }
 }
 
 const OperationTable& baseOperations() {
@@ -99,32 +130,16 @@ PlistValue PluginRequestHandler::doProcessInputWithRequest(const PlistValue& req
     operation = findOperation(std::string(name) + "WithRequest:");
   if (operation == nullptr || operation->command == nullptr) return responseForError(errors::unexpectedCommand);
 
-  PlistValue response;
-  storeContext(context, request, lockFileFD);
-  try {
-    response = (this->*operation->command)(request);
-  } catch (...) {
-    // The entry is left for the next request to overwrite, but the host must not close a descriptor that the
-    // operation has given up already.
-    if (const RequestState* state = findState(*this)) *lockFileFD = state->lockFileFD;
-    throw;
-  }
-  *lockFileFD = cleanupFromRequest();
+  PlistValue response =
+      runWithState(*this, context, request, lockFileFD, [&] { return (this->*operation->command)(request); });
   return response.isDictionary() ? response : responseForError(errors::unexpectedCommand);
 }
 
 int PluginRequestHandler::doProcessArgsWithArgc(int argc, const char* const* argv, const PlistValue& context,
                                                 int* lockFileFD) {
-  int result = 0;
-  storeContext(context, nullptr, lockFileFD);
-  try {
-    if (argc == 3 && std::string_view(argv[1]) == "idle") result = doIdleAtCount(leadingInt(argv[2]));
-  } catch (...) {
-    if (const RequestState* state = findState(*this)) *lockFileFD = state->lockFileFD;
-    throw;
-  }
-  *lockFileFD = cleanupFromRequest();
-  return result;
+  return runWithState(*this, context, nullptr, lockFileFD, [&] {
+    return argc == 3 && std::string_view(argv[1]) == "idle" ? doIdleAtCount(leadingInt(argv[2])) : 0;
+  });
 }
 
 void PluginRequestHandler::storeContext(const PlistValue& context, const PlistValue& request, const int* lockFileFD) {

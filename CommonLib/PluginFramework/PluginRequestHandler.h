@@ -74,9 +74,9 @@ class OSTREL_EXPORT OperationTable {
 ///
 /// Threads: one instance serves all requests of its module, on any threads at once. Request, context and lock
 /// descriptor belong to the thread (keyed by the class of the handler); a class that is entered again on one thread
-/// overwrites its own entry. The host lets only one request at a time into a module, by the lock of its context,
-/// until the operation returns or calls `unlockContext`. A response is sent after that: it shares no mutable part of
-/// the context.
+/// overwrites its own entry until that call returns. The host lets only one request at a time into a module, by the
+/// lock of its context, until the operation returns or calls `unlockContext`. A response is sent after that: it shares
+/// no mutable part of the context.
 ///
 /// What an operation throws passes through this class; the host turns it into a response.
 class OSTREL_EXPORT PluginRequestHandler {

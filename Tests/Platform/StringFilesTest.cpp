@@ -66,7 +66,10 @@ TEST(StringFiles, TellsWhenTheOwnerCannotBeSet) {
     const ScopedOverride<SystemLog> override(log);
     const bool dropped = setresuid(user, user, user) == 0;
     const bool failed = !writeUTF8StringToFile("text", path, atomically, 0, 0);
-    _exit(dropped && failed && log.holds("Error: Couldn't set the owner and group of file " + path) ? 7 : 1);
+    _exit(dropped && failed &&
+                  log.holds(format("[%d] Error: Couldn't set the owner and group of file %s", processId(), path))
+              ? 7
+              : 1);
   };
   EXPECT_TRUE(attempt("new", true));
   EXPECT_EQ(readFile(folder / "new"), "text");

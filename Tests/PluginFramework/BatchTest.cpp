@@ -143,7 +143,7 @@ TEST_F(Batch, AFailedThreadCountsAsAHang) {
                                       if (item.module == PlistValue("one")) throw std::runtime_error("no paper");
                                     });
     });
-    EXPECT_TRUE(soon([&] { return log.holds("--request was " + request.description()); }));
+    EXPECT_TRUE(soon([&] { return log.holds(logLine("--request was " + request.description())); }));
     std::this_thread::sleep_for(100ms);  // until the batch waits
     clock.sleepFor(899s);
     EXPECT_EQ(answer.wait_for(50ms), std::future_status::timeout) << "waits for 900 seconds";
@@ -153,7 +153,7 @@ TEST_F(Batch, AFailedThreadCountsAsAHang) {
       return manager.quits == 1;
     }));
     EXPECT_EQ(answer.get().get("responsesArray").count(), 1U) << "should the process live on";
-    EXPECT_TRUE(log.holds("Exception in doBatchCommand (module = one): no paper"));
+    EXPECT_TRUE(log.holds(logLine("Exception in doBatchCommand (module = one): no paper")));
     EXPECT_TRUE(log.holds(logLine("Batch request timeout.  Killing ostreld.")));
     EXPECT_EQ(log.holds(logLine("outstanding requests are: " + PlistValue::arrayOf({}).description())), isVerbose);
   }

@@ -26,6 +26,7 @@
 namespace ostrel {
 namespace {
 
+using ::testing::ContainsRegex;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using testing::HostFixture;
@@ -124,7 +125,16 @@ TEST(BundleManager, RunsRequestsInTheirModulesContext) {
   EXPECT_TRUE(log.lines().empty());
   EXPECT_EQ(manager.doCommand(nullptr, "good", nullptr), error("UNEXPECTED_COMMAND"));
   EXPECT_EQ(manager.doCommand(command("x"), "silent", nullptr), error("UNEXPECTED_COMMAND"));
-  EXPECT_THAT(log.lines(), ElementsAre("--Module good returned nil response", "--Module silent returned nil response"));
+  EXPECT_THAT(log.lines(), ElementsAre(logLine("--Module good returned nil response"),
+                                       logLine("--Module silent returned nil response")));
+
+  const PlistValue shared = manager.doCommand(command("leakContext"), "good", nullptr);
+  EXPECT_TRUE(shared.isMutable()) << "told, and used all the same";
+  const auto lines = log.lines();
+  EXPECT_THAT(std::vector(lines.begin() + 2, lines.end()),
+              ElementsAre(ContainsRegex("--Module good's response has retain count of [2-9]\\.$"),
+                          logLine("--request was " + command("leakContext").description()),
+                          logLine("--response was " + shared.description())));
 
   std::filesystem::remove_all(host / "private/var/ostreld");
   EXPECT_EQ(manager.doCommand(command("getState"), "good", nullptr), error("CANNOT_RUN_BUNDLE_ERR"));
@@ -158,8 +168,8 @@ TEST(BundleManager, TurnsExceptionsIntoResponses) {
       const PlistValue response = manager.doCommand(request, "good", nullptr);
       EXPECT_EQ(response,
                 reason.isNull() ? PlistValue() : error(("NIL_RESPONSE_ERR (" + reason.description() + ")").c_str()));
-      EXPECT_THAT(log.lines(), ElementsAre("Exception in doCommand for module good: " + reason.description(),
-                                           "--request was " + request.description()));
+      EXPECT_THAT(log.lines(), ElementsAre(logLine("Exception in doCommand for module good: " + reason.description()),
+                                           logLine("--request was " + request.description())));
       EXPECT_EQ(readPropertyList(testing::readFile(host.lockFile("good"))).get("failures"), PlistValue(++failures))
           << "what it changed before is kept, and the lock is free";
     }
@@ -254,8 +264,8 @@ TEST(BundleManager, LogsWhatAnObserverThrows) {
   const Notification notification{"setState", "good", nullptr, nullptr};
   manager.postCommandNotification(notification);
   center.removeObserver(&identity);
-  EXPECT_THAT(log.lines(), ElementsAre("Exception in postCommandNotification: deaf notification was :" +
-                                       notification.description()));
+  EXPECT_THAT(log.lines(), ElementsAre(logLine("Exception in postCommandNotification: deaf notification was :" +
+                                               notification.description())));
 }
 
 TEST(BundleManager, ModulesHearOfNetworkChanges) {

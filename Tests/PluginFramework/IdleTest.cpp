@@ -67,10 +67,10 @@ TEST(Idle, LogsWhatAHandlerThrowsAndGoesOn) {
   manager.doIdle();
   auto lines = log.lines();
   std::ranges::sort(lines);
-  EXPECT_THAT(lines, ElementsAre("Exception during idle processing: idle hands for module one",
-                                 "Exception during idle processing: idle hands for module two"));
+  EXPECT_THAT(lines, ElementsAre(logLine("Exception during idle processing: idle hands for module one"),
+                                 logLine("Exception during idle processing: idle hands for module two")));
   manager.doIdle("two");
-  EXPECT_EQ(log.lines().back(), "Exception in doIdle (two): idle hands");
+  EXPECT_EQ(log.lines().back(), logLine("Exception in doIdle (two): idle hands"));
   EXPECT_EQ(counts(manager, "two").size(), 2U) << "the contexts are written back and free again";
   EXPECT_EQ(manager.CopyOutstandingRequests().count(), 0U);
 }

@@ -1,5 +1,6 @@
 #include "PluginFramework/PluginRequestHandler.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -11,6 +12,7 @@
 
 #include "HostFixture.h"
 #include "Network/NetworkChangeContext.h"
+#include "Platform/FileDescriptor.h"
 #include "Platform/NotificationCenter.h"
 #include "PluginFramework/ContextStore.h"
 #include "PluginFramework/Envelope.h"
@@ -159,6 +161,33 @@ TEST(PluginRequestHandler, KeepsRequestsApart) {
   EXPECT_EQ(first.cleanupFromRequest(), -1);
 }
 
+TEST(PluginRequestHandler, FindsItsRequestAgainAfterAnotherOfItsClass) {
+  Handler outer;
+  Handler inner;
+  const PlistValue context = PlistValue::mutableDictionary();
+  for (const bool throws : {false, true}) {
+    inner.onAsk = [&](const PlistValue& request) {
+      EXPECT_FALSE(outer.context().isIdentical(context)) << "overwritten meanwhile";
+      return throws ? throw std::runtime_error("within") : request;
+    };
+    outer.onAsk = [&](const PlistValue& request) {
+      int other = 88;
+      try {
+        inner.doProcessInputWithRequest(commandRequest("ask"), PlistValue::mutableDictionary(), &other);
+      } catch (const std::runtime_error&) {
+        EXPECT_TRUE(throws);
+      }
+      EXPECT_EQ(other, 88);
+      EXPECT_TRUE(outer.context().isIdentical(context));
+      return request;
+    };
+    int descriptor = 77;
+    outer.doProcessInputWithRequest(commandRequest("ask"), context, &descriptor);
+    EXPECT_EQ(descriptor, 77) << "the host gives up the lock that it has taken";
+    EXPECT_TRUE(outer.context().isNull());
+  }
+}
+
 TEST(PluginRequestHandler, TellsTheDescriptorThatIsLeft) {
   const HostFixture host;
   Handler handler;
@@ -184,6 +213,23 @@ TEST(PluginRequestHandler, TellsTheDescriptorThatIsLeft) {
     EXPECT_EQ(stored.get("kept"), PlistValue(throws));
     set_and_unlock_context(&descriptor, &stored);
   }
+}
+
+TEST(PluginRequestHandler, ReleasesNothingLateAfterAnException) {
+  const HostFixture host;
+  Handler handler;
+  handler.onAsk = [](const PlistValue&) -> PlistValue { throw std::runtime_error("with the lock"); };
+  int descriptor = -1;
+  const PlistValue context = get_and_lock_context("m", &descriptor);
+  const int number = descriptor;
+  EXPECT_THROW(handler.doProcessInputWithRequest(commandRequest("ask"), context, &descriptor), std::runtime_error);
+  EXPECT_EQ(descriptor, number);
+  set_and_unlock_context(&descriptor, &context);
+  const FileDescriptor other = openFile(host / "other", O_RDWR | O_CREAT, 0600);
+  ASSERT_EQ(other.get(), number) << "the next file gets the number";
+  handler.context().set("contextDirty", true);
+  handler.unlockContext();
+  EXPECT_NE(fcntl(number, F_GETFD), -1) << "and keeps it";
 }
 
 TEST(PluginRequestHandler, TakesCommandLines) {

@@ -64,7 +64,7 @@ TEST(Watchdog, WarnsOnceOfALongWaitAndNamesTheHolder) {
     if (record.priority != 4) continue;
     ++warnings;
     EXPECT_THAT(record.message, ContainsRegex("^\\[[0-9]+\\] ostrel_dns has waited 10 seconds for its context, which "
-                                              "ostrel_dns waitForFile holds, begun [0-9]+ seconds ago$"));
+                                              "ostrel_dns waitForFile had last, begun [0-9]+ seconds ago$"));
   }
   EXPECT_EQ(warnings, 1);
   EXPECT_EQ(manager.longestOverrun().count(), 0);
@@ -142,7 +142,7 @@ TEST(WatchdogDeathTest, EndsTheProcessInEitherMannerOnEitherTrigger) {
                     "com\\.brantle\\.message\\.value1=[0-9]+;com\\.brantle\\.message\\.value2=[0-9]+;"
                     "com\\.brantle\\.message\\.signature=ostreld: ostrel_dns detected deadlock;requests = "),
       ContainsRegex("<4> \\[[0-9]+\\] ostrel_dns has waited 10 seconds for its context, which ostrel_dns waitForFile "
-                    "holds, begun"),
+                    "had last, begun"),
       ContainsRegex("<5> \\[[0-9]+\\] error in getAndLockContext: flock\\(ostrel_dns\\) FATAL time out\n"
                     "<5> \\[[0-9]+\\] process will force-quit to avoid deadlock\n"),
       Not(HasSubstr("never")));

@@ -169,7 +169,7 @@ TEST(DaemonWatchdog, AHungModuleEndsTheDaemonAndItComesBack) {
   EXPECT_TRUE(eventually([&] { return daemon.log().find("started again after status 1") != std::string::npos; }));
   const std::string log = daemon.log();
   EXPECT_THAT(log, HasSubstr("[com.brantle.message.signature ostreld: ostrel_test detected deadlock] requests = "));
-  EXPECT_THAT(log, HasSubstr("ostrel_test has waited 10 seconds for its context, which ostrel_test sleep holds"));
+  EXPECT_THAT(log, HasSubstr("ostrel_test has waited 10 seconds for its context, which ostrel_test sleep had last"));
   EXPECT_THAT(log, HasSubstr("flock(ostrel_test) FATAL time out"));
   EXPECT_EQ(log.find("hunter2"), std::string::npos);
 

@@ -67,6 +67,8 @@ class GoodHandler : public ostrel::PluginRequestHandler {
   PlistValue getCountsWithRequest(const PlistValue&) {
     return PlistValue::dictionaryOf({{"counts", context().get("counts")}}).deepMutableCopy();
   }
+  /// What a module must not do.
+  PlistValue leakContextWithRequest(const PlistValue&) { return context(); }
   PlistValue getAddressWithRequest(const PlistValue&) {
     const ostrel::MutexLock lock(mutex_);
     return PlistValue::dictionaryOf({{"address", address_}});
@@ -82,6 +84,7 @@ class GoodHandler : public ostrel::PluginRequestHandler {
         {"getAddressWithRequest:", &GoodHandler::getAddressWithRequest},
         {"getCountsWithRequest:", &GoodHandler::getCountsWithRequest},
         {"getStateWithRequest:", &GoodHandler::getStateWithRequest},
+        {"leakContextWithRequest:", &GoodHandler::leakContextWithRequest},
         {"waitForFileWithRequest:", &GoodHandler::waitForFileWithRequest},
     };
     return table;
