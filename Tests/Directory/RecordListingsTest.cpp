@@ -36,7 +36,8 @@ PlistValue texts(std::initializer_list<const char*> strings) {
 // The (first) names of the listed records.
 std::vector<std::string> namesIn(const PlistValue& listing) {
   std::vector<std::string> names;
-  for (const PlistValue& record : listing.get("recordsArray").elements()) {
+  const PlistValue records = listing.get("recordsArray");
+  for (const PlistValue& record : records.elements()) {
     const PlistValue name = record.get(nameAttribute);
     names.emplace_back(name.isArray() ? name.at(0).stringValue() : name.stringValue());
   }
@@ -286,7 +287,8 @@ TEST_P(RecordListings, MarkAdministrators) {
   const PlistValue attributes = texts({nameAttribute, groupIdAttribute, "dsAttrTypeVirtual:isAdmin"});
   const auto administrators = [](const PlistValue& listing) {
     std::vector<std::string> names;
-    for (const PlistValue& record : listing.get("recordsArray").elements()) {
+    const PlistValue records = listing.get("recordsArray");
+    for (const PlistValue& record : records.elements()) {
       if (!record.contains("dsAttrTypeVirtual:isAdmin")) continue;
       EXPECT_TRUE(record.get("dsAttrTypeVirtual:isAdmin").isIdentical(true));
       const PlistValue name = record.get(nameAttribute);
