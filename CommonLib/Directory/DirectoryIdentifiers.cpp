@@ -6,12 +6,15 @@
 #include <string>
 #include <string_view>
 
+#include "Directory/RecordListings.h"
 #include "Platform/UuidSource.h"
 
 namespace ostrel {
 namespace {
 
 constexpr std::string_view legacyPrefixes[] = {"FFFFEEEE-DDDD-CCCC-BBBB-AAAA", "AAAABBBB-CCCC-DDDD-EEEE-FFFF"};
+constexpr int lowestGroupNumber = 500;
+constexpr int highestGroupNumber = 32768;
 
 // The unsigned hexadecimal integer at the start of a text, with or without "0x".
 std::optional<std::uint32_t> leadingHexadecimal(std::string_view text) {
@@ -28,6 +31,16 @@ PlistValue recordWithText(const PlistValue& records, std::string_view attribute,
     if (value.isString() && value == text) return record;
   }
   return {};
+}
+
+bool isGroupNumberFree(DirectoryHandle session, DirectoryHandle node, const std::string& number) {
+  const PlistValue found =
+      DSGetRecordsByRecordTypeAndAttributeValues(session, node, directoryName::groups, directoryName::primaryGroupID,
+                                                 PlistValue::arrayOf({number}), directoryMatch::exact, 1);
+  // A question that failed frees no number.
+  const PlistValue status = found.get("status");
+  if (status.isNumber() && status.int64Value() != directoryStatus::success) return false;
+  return found.get("recordsArray").elements().empty();
 }
 
 }  // namespace
@@ -54,6 +67,14 @@ PlistValue DSRecordWithMatchingGeneratedUID(const PlistValue& records, const Pli
   if (legacy.isNull()) return record;
   record = recordWithText(records, directoryName::uniqueID, legacy);
   return record.isNull() ? recordWithText(records, directoryName::primaryGroupID, legacy) : record;
+}
+
+PlistValue DSGenerateLegacyGID(DirectoryHandle session, DirectoryHandle node) {
+  for (int candidate = lowestGroupNumber; candidate <= highestGroupNumber; ++candidate) {
+    const std::string number = std::to_string(candidate);
+    if (isGroupNumberFree(session, node, number)) return number;
+  }
+  return {};
 }
 
 }  // namespace ostrel

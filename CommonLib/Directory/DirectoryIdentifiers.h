@@ -22,4 +22,9 @@ OSTREL_EXPORT PlistValue DSLegacyIDFromGeneratedUID(const PlistValue& identifier
 /// An attribute of several values matches nothing. Null without a match.
 OSTREL_EXPORT PlistValue DSRecordWithMatchingGeneratedUID(const PlistValue& records, const PlistValue& identifier);
 
+/// The lowest number from 500 to 32768 that no group of the open node has as its primary group id, as decimal text. A
+/// number for which the node could not be asked counts as taken. Null when all are. Asks the node for each in turn, and
+/// so may take as long as 32,269 searches; what is free now may be taken by somebody else before it is used.
+OSTREL_EXPORT PlistValue DSGenerateLegacyGID(DirectoryHandle session, DirectoryHandle node);
+
 }  // namespace ostrel

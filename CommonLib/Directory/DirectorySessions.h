@@ -55,9 +55,9 @@ OSTREL_EXPORT DirectoryStatus DSGetNodeLevelInSearchList(DirectoryHandle session
 /// Despite its name, sets `flag` to 1 exactly when the node says that it is "ReadOnly", otherwise to 0: callers count
 /// on that. `noSuchAttribute` when it says nothing, `emptyValue` when that is empty.
 OSTREL_EXPORT DirectoryStatus DSIsNodeWritable(DirectoryHandle session, DirectoryHandle node, long* flag) noexcept;
-/// What the node at a path (null: the search node) tells of itself: attribute name -> array of its values as strings,
-/// and "status". Asked for are the strings in `attributes` but for those that begin with "dsAttrTypeVirtual:"; all
-/// attributes when it is null, empty or begins with something else than a string. Values that are no UTF-8, and
+/// What the node at a path (no string: the search node) tells of itself: attribute name -> array of its values as
+/// strings, and "status". Asked for are the strings in `attributes` but for those that begin with "dsAttrTypeVirtual:";
+/// all attributes when it is null, empty or begins with something else than a string. Values that are no UTF-8, and
 /// attributes without any other, are left out. Opens a session of its own. A mutable dictionary of mutable arrays.
 OSTREL_EXPORT PlistValue DSGetNodeInfo(const PlistValue& nodePath, const PlistValue& attributes);
 

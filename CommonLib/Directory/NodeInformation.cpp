@@ -4,6 +4,8 @@
 
 #include "Directory/DirectoryRecords.h"
 #include "Directory/DirectorySessions.h"
+#include "Directory/Internal/OpenedNode.h"
+#include "Directory/Internal/RecordDictionaries.h"
 #include "Directory/Internal/Released.h"
 #include "Directory/Internal/SearchPath.h"
 #include "Directory/Internal/Utf8Text.h"
@@ -16,12 +18,9 @@ using detail::ReleasedAttributes;
 using detail::ReleasedBuffer;
 using detail::ReleasedList;
 using detail::ReleasedNode;
-using detail::ReleasedSession;
 using detail::ReleasedText;
 using detail::ReleasedValueEntry;
 using detail::ReleasedValues;
-
-constexpr const char* virtualPrefix = "dsAttrTypeVirtual:";
 
 // What a node answers about itself, a bufferful at a time.
 class NodeInformation {
@@ -96,7 +95,7 @@ DirectoryDataList* namesToAsk(const PlistValue& attributes) {
   ReleasedList names(dsDataListAllocate());
   for (const PlistValue& attribute : attributes.elements()) {
     const auto name = detail::utf8Text(attribute);
-    if (!names || !name || name->starts_with(virtualPrefix)) continue;
+    if (!names || !name || name->starts_with(detail::virtualPrefix)) continue;
     if (dsAppendStringToListAlloc(names.get(), name->c_str()) != directoryStatus::success) return nullptr;
   }
   return names.take();
@@ -127,15 +126,6 @@ DirectoryStatus storeInformation(DirectoryHandle node, const PlistValue& attribu
     if (status != directoryStatus::success) return status;
   } while (information.hasMore());
   return directoryStatus::success;
-}
-
-DirectoryStatus openForInformation(DirectoryHandle session, const PlistValue& nodePath, ReleasedNode& node) {
-  if (nodePath.isNull()) {
-    ReleasedText path;
-    return DSOpenNodeByType(session, directoryNodeType::search, node.place(), path.place());
-  }
-  const auto path = detail::utf8Text(nodePath);
-  return path ? DSOpenNodeByPath(session, path->c_str(), node.place()) : directoryStatus::outOfMemory;
 }
 
 }  // namespace
@@ -190,13 +180,9 @@ DirectoryStatus DSIsNodeWritable(DirectoryHandle /*session*/, DirectoryHandle no
 
 PlistValue DSGetNodeInfo(const PlistValue& nodePath, const PlistValue& attributes) {
   PlistValue result = PlistValue::mutableDictionary();
-  ReleasedSession session;
-  DirectoryStatus status = DSOpenDirectoryServices(nullptr, 0, nullptr, nullptr, session.place());
-  if (status == directoryStatus::success) {
-    ReleasedNode node;
-    status = openForInformation(session.get(), nodePath, node);
-    if (status == directoryStatus::success) status = storeInformation(node.get(), attributes, result);
-  }
+  detail::OpenedNode opened;
+  DirectoryStatus status = opened.open(nodePath, directoryNodeType::search);
+  if (status == directoryStatus::success) status = storeInformation(opened.node(), attributes, result);
   result.set("status", status);
   return result;
 }
