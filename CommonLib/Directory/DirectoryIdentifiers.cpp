@@ -40,7 +40,7 @@ bool isGroupNumberFree(DirectoryHandle session, DirectoryHandle node, const std:
   // A question that failed frees no number.
   const PlistValue status = found.get("status");
   if (status.isNumber() && status.int64Value() != directoryStatus::success) return false;
-  return found.get("recordsArray").elements().empty();
+  return found.get("recordsArray").count() == 0;
 }
 
 }  // namespace
