@@ -24,7 +24,8 @@ class TellingNode final : public DirectoryNode {
   bool isLocallyHosted() const override { return entry_.get("Hosted").boolValue(); }
   std::vector<Fact> facts() const override {
     std::vector<Fact> facts;
-    for (const PlistEntry& fact : entry_.get("Facts").entries()) {
+    const PlistValue told = entry_.get("Facts");
+    for (const PlistEntry& fact : told.entries()) {
       facts.push_back({std::string(fact.keyText()), {}});
       for (const PlistValue& value : fact.value.elements()) facts.back().values.emplace_back(value.stringValue());
     }
