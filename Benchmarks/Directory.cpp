@@ -1,7 +1,8 @@
 // The directory service beside plain SQLite: 20,000 users of eight attributes.
 //
 // The peer has one table of records and one of values with the indexes that a first design would give it, and is asked
-// through SQLite alone. Ours goes through the whole of the directory service: buffers, entries and handles.
+// through SQLite alone. `ours` goes through the directory service: buffers, entries and handles; `listing` through
+// DSGetListOfRecords on top of it.
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 #include <stdlib.h>
@@ -15,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "Directory/RecordListings.h"
 #include "Platform/DirectoryService.h"
 #include "Platform/HostRoot.h"
 #include "Platform/Internal/Directory/LocalNode.h"
@@ -128,6 +130,18 @@ class Directory {
     return bytes;
   }
 
+  // A listing as a module asks for it: session, node, search and the dictionaries of all that was found.
+  PlistValue listing(const PlistValue& startsWith, const PlistValue& contains, const PlistValue& endsWith,
+                     std::size_t& records) const {
+    PlistValue attributes = PlistValue::mutableArray();
+    for (const char* name : attributeNames) attributes.append(name);
+    PlistValue answer =
+        DSGetListOfRecords("/Local", PlistValue::arrayOf({usersType}), attributes, startsWith, contains, endsWith, -1);
+    require(answer.get("status") == PlistValue(0), "a listing failed");
+    records = answer.get("recordsArray").count();
+    return answer;
+  }
+
   std::size_t ask(const char* condition, const std::string& pattern, std::size_t& records) {
     const std::string text =
         "SELECT v.record, a.name, v.bytes FROM value v JOIN attribute a ON a.id=v.attribute WHERE v.record IN "
@@ -227,6 +241,13 @@ void ours(benchmark::State& state, const char* attribute, std::uint32_t match, c
   state.counters["records"] = static_cast<double>(records);
 }
 
+void listing(benchmark::State& state, const char* startsWith, const char* contains, const char* endsWith) {
+  const Directory& directory = Directory::instance();
+  std::size_t records = 0;
+  for (auto _ : state) benchmark::DoNotOptimize(directory.listing(startsWith, contains, endsWith, records));
+  state.counters["records"] = static_cast<double>(records);
+}
+
 void plain(benchmark::State& state, const char* condition, const char* pattern) {
   Directory& directory = Directory::instance();
   std::size_t records = 0;
@@ -235,13 +256,18 @@ void plain(benchmark::State& state, const char* condition, const char* pattern) 
 }
 
 BENCHMARK_CAPTURE(ours, list, attributeNames[0], directoryMatch::any, "dsRecordsAll")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(listing, list, nullptr, nullptr, nullptr)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(plain, list, "attribute=1", "")->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(ours, exact, attributeNames[0], directoryMatch::exact, "user12345")->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(listing, exact, "user12345", nullptr, "user12345")->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(plain, exact, "attribute=1 AND bytes=?1", "user12345")->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(ours, exactIgnoringCase, attributeNames[0], directoryMatch::exactIgnoringCase, "USER12345")
     ->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(ours, startsWith, attributeNames[0], directoryMatch::startsWithIgnoringCase, "User1234")
     ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(listing, startsWith, "User1234", nullptr, nullptr)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(listing, contains, nullptr, "R1234", nullptr)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(listing, endsWith, nullptr, nullptr, "2345")->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(ours, contains, attributeNames[0], directoryMatch::containsIgnoringCase, "R1234")
     ->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(plain, contains, "attribute=1 AND bytes LIKE '%'||?1||'%'", "r1234")->Unit(benchmark::kMicrosecond);
