@@ -24,7 +24,7 @@ struct SystemdPlaces {
 
 class OSTREL_EXPORT SystemdServices final : public ServiceManager {
  public:
-  SystemdServices() = default;
+  SystemdServices() : SystemdServices(SystemdPlaces()) {}
   explicit SystemdServices(SystemdPlaces places) : places_(std::move(places)) {}
   bool isAvailable() override;
   bool setEnabled(const std::string& path, bool enable) override;
