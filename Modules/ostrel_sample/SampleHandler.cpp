@@ -8,12 +8,15 @@
 #include "Containers/ErrorCodes.h"
 #include "DaemonServices/HistoryData.h"
 #include "Heartbeat.h"
+#include "HostFacts/FailoverState.h"
+#include "HostFacts/InterfaceDictionary.h"
 #include "LoadSampler.h"
 #include "Network/InterfaceInfo.h"
 #include "Platform/Files.h"
 #include "Platform/HostRoot.h"
 #include "Platform/SystemLog.h"
 #include "PluginFramework/PluginRequestHandler.h"
+#include "VolumeReport.h"
 
 namespace ostrel::sample {
 namespace {
@@ -39,6 +42,11 @@ constexpr Log logs[] = {
 };
 
 std::string heartbeatFile() { return hostPath("/var/ostreld/sample_heartbeat"); }
+
+const char* roleName(std::int32_t failover) {
+  if (failover == failoverMaster) return "master";
+  return failover == failoverBackup ? "backup" : "none";
+}
 
 void addMachine(PlistValue& state) {
   utsname names{};
@@ -133,6 +141,22 @@ class SampleHandler : public PluginRequestHandler {
     return PlistValue::dictionaryOf({{"interfaces", get_interfaces_info(request.get("resolve").boolValue())}});
   }
 
+  /// {"hostName", "failoverRole": "none", "master" or "backup", "failoverState": its number, "interfaces": by name
+  /// (HostFacts/InterfaceDictionary.h), "volumes": see VolumeReport.h}.
+  PlistValue getHostWithRequest(const PlistValue& /*request*/) {
+    PlistValue host = PlistValue::mutableDictionary();
+    utsname names{};
+    if (uname(&names) == 0) host.set("hostName", PlistValue::stringFromUTF8(names.nodename));
+    const std::int32_t failover = NIGetFailoverState();
+    host.set("failoverRole", roleName(failover));
+    host.set("failoverState", failover);
+    host.set("interfaces", NIGetInterfaceDictionary());
+    // Volumes may take their time, and nothing more is wanted of the context: other requests need not wait.
+    unlockContext();
+    host.set("volumes", volumes_.take());
+    return host;
+  }
+
   /// {"echo": the request}.
   PlistValue echoWithRequest(const PlistValue& request) { return PlistValue::dictionaryOf({{"echo", request}}); }
 
@@ -169,6 +193,7 @@ class SampleHandler : public PluginRequestHandler {
   }
 
   LoadSampler sampler_;
+  VolumeReport volumes_;
 
   static const OperationTable& operations() {
     static const OperationTable table{
@@ -176,6 +201,7 @@ class SampleHandler : public PluginRequestHandler {
         {"getLogPathsWithRequest:", &SampleHandler::getLogPathsWithRequest},
         {"getHistoryWithRequest:", &SampleHandler::getHistoryWithRequest},
         {"getInterfacesWithRequest:", &SampleHandler::getInterfacesWithRequest},
+        {"getHostWithRequest:", &SampleHandler::getHostWithRequest},
         {"echoWithRequest:", &SampleHandler::echoWithRequest},
         {"setSettingWithRequest:", &SampleHandler::setSettingWithRequest},
         {"getSettingWithRequest:", &SampleHandler::getSettingWithRequest},

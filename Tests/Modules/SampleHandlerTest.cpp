@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -13,6 +14,7 @@
 #include "Platform/HostRoot.h"
 #include "PluginFramework/BundleManager.h"
 #include "PluginFramework/PluginRequestHandler.h"
+#include "Support/SysTree.h"
 #include "Support/TemporaryFolder.h"
 
 namespace ostrel {
@@ -160,6 +162,57 @@ TEST_F(SampleHandlerTest, TakesAHistoryOfTheMachineWhenIdle) {
   const PlistValue invalid = PlistValue::dictionaryOf({{"error", "INVALID_ARG_ERR"}});
   EXPECT_EQ(history("hour", nullptr), invalid);
   EXPECT_EQ(history(60, 1), invalid);
+}
+
+/// Volumes one of which does not respond until it is let go, as a network volume whose server is gone.
+class HangingVolumes final : public testing::FakeVolumes {
+ public:
+  std::optional<Volume> volumeOf(const std::string& path) override {
+    if (path == "/net") {
+      ++asked_;
+      while (!released_) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return FakeVolumes::volumeOf(path);
+  }
+  void release() { released_ = true; }
+  int asked() const { return asked_; }
+
+ private:
+  std::atomic<bool> released_{false};
+  std::atomic<int> asked_{0};
+};
+
+TEST_F(SampleHandlerTest, ReportsTheHostAndIsNotHeldUpByAVolume) {
+  // Outlives the test: a thread of the module may still be in it.
+  static HangingVolumes volumes;
+  volumes.devices = {
+      {"/", "overlay"}, {"/disk", "/dev/sda1"}, {"/again", "/dev/sda1"}, {"/net", "/dev/nothing"}, {"/run", "tmpfs"}};
+  const ScopedOverride<Volumes> scope(volumes);
+  testing::writeFile(folder_ / "Library/Preferences/com.brantle.tavrond.plist",
+                     "<plist version=\"1.0\"><dict><key>PublicNodes</key><array><string>a</string></array>"
+                     "<key>FailoverRole</key><string>BACKUP</string></dict></plist>");
+  const PlistValue getHost = PlistValue::dictionaryOf({{"command", "getHost"}});
+  const auto column = [](const PlistValue& host, const char* key) {
+    std::vector<std::string> values;
+    const PlistValue reports = host.get("volumes");
+    for (const PlistValue& each : reports.elements()) values.push_back(each.get(key).description());
+    return values;
+  };
+  const auto start = std::chrono::steady_clock::now();
+  PlistValue host = send(getHost);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+  EXPECT_EQ(host.get("failoverRole").stringValue(), "backup");
+  EXPECT_EQ(host.get("failoverState"), PlistValue(2));
+  EXPECT_TRUE(host.get("interfaces").get("lo").get("hasIPV4").boolValue());
+  EXPECT_EQ(column(host, "path"), (std::vector<std::string>{"/", "/again", "/net"})) << "each device once";
+  EXPECT_EQ(column(host, "fullSync"),
+            (std::vector<std::string>{"no disk of this machine", "no disk of this machine", "no answer"}));
+
+  send(getHost);
+  EXPECT_EQ(volumes.asked(), 1) << "one thread waits for it, not one for each request";
+  volumes.release();
+  for (int i = 0; i < 20 && column(host, "fullSync")[2] == "no answer"; ++i) host = send(getHost);
+  EXPECT_EQ(column(host, "fullSync")[2], "no disk of this machine");
 }
 
 TEST_F(SampleHandlerTest, TailsOnlyTheLogsThatItNames) {

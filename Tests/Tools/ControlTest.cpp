@@ -40,6 +40,11 @@ TEST(Control, FindsTheDaemonOfThisMachineAndPrintsEachForm) {
   const auto raw = control(daemon, {"--raw", "ostrel_sample", "echo", "when:date=2011-08-15T16:08:25Z"});
   EXPECT_EQ(raw.output, xml.output);
 
+  EXPECT_THAT(control(daemon, {"host"}).output, HasSubstr("\nfail-over: none (0)\ninterfaces:\n"));
+  const nlohmann::json host = nlohmann::json::parse(control(daemon, {"host", "--json"}).output);
+  EXPECT_EQ(host["interfaces"]["lo"]["interfaceName"], "lo");
+  EXPECT_EQ(host["volumes"][0]["path"], "/");
+
   const auto logs = control(daemon, {"--json", "ostrel_sample", "getLogPaths"});
   const nlohmann::json paths = nlohmann::json::parse(logs.output);
   for (const auto& [identifier, path] : paths.items()) {

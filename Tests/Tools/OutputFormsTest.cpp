@@ -5,6 +5,7 @@
 
 #include "Containers/PropertyList.h"
 #include "Support/TemporaryFolder.h"
+#include "ostrelctl/HostCommand.h"
 #include "ostrelctl/JsonForm.h"
 #include "ostrelctl/RequestArguments.h"
 #include "ostrelctl/TextForm.h"
@@ -37,6 +38,43 @@ TEST(OutputForms, JsonKeepsOrderAndEveryDigit) {
             "  \"large\": 18446744073709551615,\n  \"real\": 0.1,\n  \"inf\": \"inf\",\n"
             "  \"date\": \"2011-08-15T16:08:25.25Z\",\n  \"data\": \"AAEC\",\n  \"array\": [\n    1,\n    {\n"
             "      \"a\": \"b\"\n    },\n    []\n  ]\n}\n");
+}
+
+TEST(OutputForms, TheHostsPageLeavesOutWhatIsNotKnown) {
+  const PlistValue wired =
+      PlistValue::dictionaryOf({{"interfaceName", "eth0"},
+                                {"UserDefinedName", "Office"},
+                                {"Hardware", "Ethernet"},
+                                {"router", "192.0.2.254"},
+                                {"isActive", true},
+                                {"ipv4Addresses", PlistValue::arrayOf({"192.0.2.1", "192.0.2.2", 7})},
+                                {"ipv4SubnetMasks", PlistValue::arrayOf({"255.255.255.0", "255.255.255.0"})},
+                                {"ipv4BroadcastAddresses", PlistValue::arrayOf({"192.0.2.255"})},
+                                {"hasIPV4", true},
+                                {"ethernetAddr", "0:1c:42:0:0:8"}});
+  const PlistValue bare = PlistValue::dictionaryOf({{"interfaceName", "x"}, {"UserDefinedName", "x"}});
+  const PlistValue disk = PlistValue::dictionaryOf({{"path", "/"},
+                                                    {"device", "/dev/dm-0"},
+                                                    {"fileSystem", "ext4"},
+                                                    {"fullSync", "supported"},
+                                                    {"interconnects", PlistValue::arrayOf({"SATA", "", "SAS"})}});
+  const PlistValue failed = PlistValue::dictionaryOf(
+      {{"path", "/n"}, {"device", "s:/x"}, {"fileSystem", "nfs4"}, {"fullSync", "not examined"}, {"failure", "gone"}});
+  EXPECT_EQ(readableText(hostPage(PlistValue::dictionaryOf(
+                {{"hostName", "server"},
+                 {"failoverRole", "master"},
+                 {"failoverState", 1},
+                 {"interfaces", PlistValue::dictionaryOf({{"eth0", wired}, {"x", bare}, {"odd", 5}})},
+                 {"volumes", PlistValue::arrayOf({disk, failed})}}))),
+            "host: server\nfail-over: master (1)\ninterfaces:\n  eth0:\n    display name: Office\n    type: Ethernet\n"
+            "    state: active\n    router: 192.0.2.254\n    addresses:\n"
+            "      - 192.0.2.1 (mask 255.255.255.0, broadcast 192.0.2.255)\n      - 192.0.2.2 (mask 255.255.255.0)\n"
+            "      -\n    link-layer address: 0:1c:42:0:0:8\n  x:\n    state: no IPv4 address\n"
+            "  odd:\n    state: no IPv4 address\nvolumes:\n  /:\n    device: /dev/dm-0 (ext4)\n"
+            "    full flush: supported (SATA, unknown, SAS)\n  /n:\n    device: s:/x (nfs4)\n"
+            "    full flush: not examined (gone)\n");
+  EXPECT_EQ(readableText(hostPage(PlistValue::dictionaryOf({{"interfaces", "x"}, {"volumes", 3}}))),
+            "interfaces: (empty)\nvolumes: (empty)\n");
 }
 
 TEST(RequestArguments, TakesEachType) {

@@ -3,6 +3,7 @@
 #include "ostrelctl/BatchCommand.h"
 #include "ostrelctl/ConfigCommand.h"
 #include "ostrelctl/HistoryCommand.h"
+#include "ostrelctl/HostCommand.h"
 #include "ostrelctl/ModulesCommand.h"
 #include "ostrelctl/PortsCommand.h"
 #include "ostrelctl/ServicesCommand.h"
@@ -19,6 +20,7 @@ constexpr SubcommandEntry table[] = {
     {"ports", "List and change the port mappings of this machine's NAT gateway, without the daemon", makePortsCommand},
     {"services", "List, show and switch the services of this machine, without the daemon", makeServicesCommand},
     {"history", "Draw the samples that a module has taken", makeHistoryCommand},
+    {"host", "Show this machine: interfaces, fail-over role, volumes", makeHostCommand},
 };
 
 }  // namespace
