@@ -4,6 +4,7 @@
 #include <map>
 #include <string>
 
+#include "Platform/Internal/Directory/LdapNode.h"
 #include "Platform/Mutex.h"
 
 namespace ostrel {
@@ -11,7 +12,8 @@ namespace {
 
 struct Registry {
   Mutex mutex;
-  std::map<std::string, DirectoryNodeFactory, std::less<>> factories OSTREL_GUARDED_BY(mutex);
+  std::map<std::string, DirectoryNodeFactory, std::less<>> factories OSTREL_GUARDED_BY(mutex){
+      {"LDAP", &detail::makeLdapNode}};
   std::uint64_t generation OSTREL_GUARDED_BY(mutex) = 0;
 };
 
