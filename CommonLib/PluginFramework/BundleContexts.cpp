@@ -3,10 +3,10 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <cmath>
 #include <memory>
 #include <string>
 
+#include "Containers/Utf8.h"
 #include "Platform/Clock.h"
 #include "Platform/FileDescriptor.h"
 #include "Platform/HostRoot.h"
@@ -20,7 +20,8 @@ namespace ostrel {
 namespace {
 
 constexpr std::chrono::milliseconds waitPerAttempt{100};
-constexpr std::chrono::seconds longWait{10};  // worth a warning
+constexpr std::chrono::seconds longWait{10};     // worth a warning
+constexpr std::size_t longestCommandShown = 96;  // bytes
 constexpr std::array<std::string_view, 5> longRunningModules{"ostrel_accounts", "ostrel_mail", "ostrel_print",
                                                              "ostrel_swupdate", "ostrel_web"};
 
@@ -60,7 +61,9 @@ class LockWait {
   std::unique_ptr<detail::LimitedWait> wait_;  // from the first attempt that failed
 };
 
-std::int64_t wholeSeconds(const FileStatus& status) { return static_cast<std::int64_t>(std::floor(status.modified)); }
+std::int64_t wholeSeconds(const FileStatus& status) {
+  return std::chrono::floor<std::chrono::seconds>(std::chrono::nanoseconds(status.modifiedNanoseconds)).count();
+}
 
 }  // namespace
 
@@ -148,12 +151,13 @@ void BundleManager::warnOfLongWait(std::string_view module) const {
 /// Without arguments, and bounded: the command is the caller's text.
 std::string BundleManager::contextHolder(std::string_view module) const {
   const MutexLock lock(requestsLock);
-  const auto holder = contextHolders.find(module);
-  if (holder == contextHolders.end() || holder->second.isNull()) return "no request of this process holds";
+  const auto holder = contextHolders_.find(module);
+  if (holder == contextHolders_.end() || holder->second.isNull()) return "no request of this process holds";
   const PlistValue& marker = holder->second;
+  const std::string command = marker.get("Command").stringValue().substr(0, longestCommandShown);
   const double seconds = Clock::current().now().secondsSince1970 - marker.get("Timestamp").dateValue().secondsSince1970;
-  return format("%s %.96s had last, begun %.0f seconds ago", module, marker.get("Command").stringValue(),
-                std::max(seconds, 0.0));
+  return format("%s %s had last, begun %.0f seconds ago", module,
+                std::string_view(command).substr(0, validUtf8Prefix(command)), std::max(seconds, 0.0));
 }
 
 void BundleManager::setAndUnlockContext(const PlistValue& context, std::string_view module, int* inoutFileDescriptor) {

@@ -131,18 +131,18 @@ void BundleManager::addMarker(const PlistValue& marker) {
 void BundleManager::removeMarker(const PlistValue& marker) {
   const MutexLock lock(requestsLock);
   outstandingRequests.removeIdentical(marker);
-  const auto holder = contextHolders.find(marker.get("Module").stringValue());
-  if (holder != contextHolders.end() && holder->second.isIdentical(marker)) holder->second = nullptr;
+  const auto holder = contextHolders_.find(marker.get("Module").stringValue());
+  if (holder != contextHolders_.end() && holder->second.isIdentical(marker)) holder->second = nullptr;
 }
 
 void BundleManager::noteContextHolder(std::string_view module, const PlistValue& marker) {
   const MutexLock lock(requestsLock);
   if (outstandingRequests.isNull()) return;
-  const auto holder = contextHolders.find(module);
-  if (holder != contextHolders.end()) {
+  const auto holder = contextHolders_.find(module);
+  if (holder != contextHolders_.end()) {
     holder->second = marker;
   } else {
-    contextHolders.emplace(module, marker);
+    contextHolders_.emplace(module, marker);
   }
 }
 

@@ -204,12 +204,12 @@ class OSTREL_EXPORT BundleManager {
   mutable Mutex requestsLock;
   Mutex mtLock;
   PlistValue outstandingRequests OSTREL_GUARDED_BY(requestsLock);  // null: a single-module host keeps none
-  // The outstanding request that had a module's context last; it may have let go of it.
-  ByModule<PlistValue> contextHolders OSTREL_GUARDED_BY(requestsLock);
   std::atomic<bool> crashOnHangTimeout = false;
   bool plugInLogging = false;
   std::atomic<bool> sleepMode = false;
 
+  // The outstanding request that had a module's context last; it may have let go of it.
+  ByModule<PlistValue> contextHolders_ OSTREL_GUARDED_BY(requestsLock);
   std::vector<LoadFailure> loadFailures_;
   std::unique_ptr<detail::LimitedWaits> waits_;
   std::unique_ptr<BackgroundThreads> background_;

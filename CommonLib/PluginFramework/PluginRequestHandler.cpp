@@ -47,9 +47,12 @@ RequestState* findState(const PluginRequestHandler& handler) {
 /// the same class, finds its entry again afterwards: without it, the lock that it holds would never be given up.
 auto runWithState(PluginRequestHandler& handler, const PlistValue& context, const PlistValue& request, int* lockFileFD,
                   const auto& operation) {
-  const RequestState* entered = findState(handler);
-  const std::optional<RequestState> outer =
-      entered != nullptr && entered->isRunning ? std::optional(*entered) : std::nullopt;
+  std::optional<RequestState> outer;
+  if (const RequestState* entered = findState(handler); entered != nullptr && entered->isRunning) {
+    outer = *entered;
+  } else {
+    handler.cleanupFromRequest();  // what an exception left behind: an idle call has no request
+  }
   const auto leave = [&] {
     if (outer) statesByClass().insert_or_assign(typeid(handler), *outer);
   };

@@ -38,6 +38,7 @@ class Handler : public PluginRequestHandler {
   PlistValue stopServiceWithVariant(const PlistValue& variant) override { return stateCall("stop", variant); }
   int doIdleAtCount(int count) override {
     calls.push_back("idle " + std::to_string(count));
+    EXPECT_TRUE(currentRequest().isNull()) << "there is none, also after one that threw";
     return count + 1;
   }
   void didReceiveNetworkChangedNotification(NetworkChangeContext& change) {
@@ -230,6 +231,8 @@ TEST(PluginRequestHandler, ReleasesNothingLateAfterAnException) {
   handler.context().set("contextDirty", true);
   handler.unlockContext();
   EXPECT_NE(fcntl(number, F_GETFD), -1) << "and keeps it";
+  const char* const idle[] = {"prog", "idle", "0"};
+  EXPECT_EQ(handler.doProcessArgsWithArgc(3, idle, context, &descriptor), 1);
 }
 
 TEST(PluginRequestHandler, TakesCommandLines) {

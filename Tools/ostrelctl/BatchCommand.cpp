@@ -75,13 +75,11 @@ class BatchCommand : public Subcommand {
     const auto requests = requestsFromText(*text, fault);
     if (!requests) return fail(wrongUsage, format("%s: %s", file_, fault));
     int exitStatus = done;
-    auto exchange = Exchange::open(shared, exitStatus);
-    if (!exchange) return exitStatus;
-    const auto answer = exchange->send(daemonModule::name,
-                                       PlistValue::dictionaryOf({{"command", daemonModule::batch},
-                                                                 {"requestsArray", *requests},
-                                                                 {"sendResponsesAsDictionary", asDictionary_}}),
-                                       exitStatus);
+    const auto answer = ask(shared, daemonModule::name,
+                            PlistValue::dictionaryOf({{"command", daemonModule::batch},
+                                                      {"requestsArray", *requests},
+                                                      {"sendResponsesAsDictionary", asDictionary_}}),
+                            exitStatus);
     return answer ? show(*answer, shared.form) : exitStatus;
   }
 

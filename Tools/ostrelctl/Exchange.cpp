@@ -78,6 +78,12 @@ std::optional<Answer> Exchange::send(const std::string& module, const PlistValue
   return answer;
 }
 
+std::optional<Answer> ask(const SharedOptions& options, const std::string& module, const PlistValue& request,
+                          int& exitStatus) {
+  auto exchange = Exchange::open(options, exitStatus);
+  return exchange ? exchange->send(module, request, exitStatus) : std::nullopt;
+}
+
 std::string textInForm(const PlistValue& value, const std::string& bytes, OutputForm form) {
   switch (form) {
     case OutputForm::raw:

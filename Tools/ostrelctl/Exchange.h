@@ -41,6 +41,10 @@ class Exchange {
   std::shared_ptr<OstrelDaemonSession> session_;
 };
 
+/// One request over a connection of its own: `Exchange::open`, then `send`.
+std::optional<Answer> ask(const SharedOptions& options, const std::string& module, const PlistValue& request,
+                          int& exitStatus);
+
 /// A value in the form that was asked for; `bytes` are those of the form raw.
 std::string textInForm(const PlistValue& value, const std::string& bytes, OutputForm form);
 

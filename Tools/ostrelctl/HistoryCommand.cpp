@@ -55,11 +55,9 @@ class HistoryCommand : public Subcommand {
     const auto period = periodFromText(period_);
     if (!period) return fail(wrongUsage, "no period: " + period_ + " (a number and s, m, h, d or w)");
     int exitStatus = done;
-    auto exchange = Exchange::open(shared, exitStatus);
-    if (!exchange) return exitStatus;
     PlistValue request = PlistValue::mutableDictionaryOf({{"command", command}, {"period", *period}});
     if (!values_.empty()) request.set("filter", values_);
-    const auto answer = exchange->send(module_, request, exitStatus);
+    const auto answer = ask(shared, module_, request, exitStatus);
     if (!answer) return exitStatus;
     if (shared.form != OutputForm::text || !answer->reply.get("error").isNull())
       return printAnswer(*answer, shared.form, module_, command);

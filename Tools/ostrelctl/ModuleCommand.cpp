@@ -58,9 +58,7 @@ int ModuleCommand::run(const SharedOptions& shared) {
   const auto request = requestFromWords(command_, words_, fault);
   if (!request) return fail(wrongUsage, fault);
   int exitStatus = done;
-  auto exchange = Exchange::open(shared, exitStatus);
-  if (!exchange) return exitStatus;
-  const auto answer = exchange->send(module_, *request, exitStatus);
+  const auto answer = ask(shared, module_, *request, exitStatus);
   return answer ? printAnswer(*answer, shared.form, module_, command_) : exitStatus;
 }
 

@@ -32,9 +32,7 @@ class ModulesCommand : public Subcommand {
 
   int run(const SharedOptions& shared) override {
     int exitStatus = done;
-    auto exchange = Exchange::open(shared, exitStatus);
-    if (!exchange) return exitStatus;
-    const auto answer = exchange->send(daemonModule::name, daemonModule::request(daemonModule::getStatus), exitStatus);
+    const auto answer = ask(shared, daemonModule::name, daemonModule::request(daemonModule::getStatus), exitStatus);
     if (!answer) return exitStatus;
     if (!answer->reply.get("modules").isArray()) {
       return printAnswer(*answer, shared.form, daemonModule::name, daemonModule::getStatus);

@@ -46,9 +46,7 @@ class StatusCommand : public Subcommand {
 
   int run(const SharedOptions& shared) override {
     int exitStatus = done;
-    auto exchange = Exchange::open(shared, exitStatus);
-    if (!exchange) return exitStatus;
-    auto answer = exchange->send(daemonModule::name, daemonModule::request(daemonModule::getStatus), exitStatus);
+    auto answer = ask(shared, daemonModule::name, daemonModule::request(daemonModule::getStatus), exitStatus);
     if (!answer) return exitStatus;
     const bool isPage = shared.form == OutputForm::text && answer->reply.get("error").isNull();
     if (isPage) answer->reply = statusPage(answer->reply);
