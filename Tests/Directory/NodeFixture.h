@@ -13,6 +13,7 @@
 #include "Platform/HostRoot.h"
 #include "Platform/Internal/Directory/LocalNode.h"
 #include "Support/DirectoryFixture.h"
+#include "Support/SlapdFixture.h"
 #include "Support/TemporaryFolder.h"
 
 namespace ostrel::testing {
@@ -31,6 +32,8 @@ class TestNode {
   virtual std::string path() const = 0;
   /// Adds records. A node that cannot hold an attribute leaves it out.
   virtual void add(const std::vector<SeedRecord>& records) = 0;
+  /// Whether groups in groups, members that are nobody's, and identifiers that callers choose can be here.
+  virtual bool holdsAnything() const { return true; }
 };
 
 struct NodeKind {
@@ -83,11 +86,16 @@ class LocalTestNode final : public TestNode {
   std::string database_;
 };
 
+/// A node on a server of its own.
+std::unique_ptr<TestNode> makeLdapTestNode(const std::string& hostRoot);
+
 /// Every kind of node that the tests ask.
 inline std::vector<NodeKind> nodeKinds() {
-  return {{"Local", [](const std::string& hostRoot) -> std::unique_ptr<TestNode> {
-             return std::make_unique<LocalTestNode>(hostRoot);
-           }}};
+  std::vector<NodeKind> kinds = {{"Local", [](const std::string& hostRoot) -> std::unique_ptr<TestNode> {
+                                    return std::make_unique<LocalTestNode>(hostRoot);
+                                  }}};
+  if (Slapd::isInstalled()) kinds.push_back({"Ldap", &makeLdapTestNode});
+  return kinds;
 }
 
 /// An open node of the kind, empty at first.

@@ -38,7 +38,7 @@ TEST_F(LdapNode, ShowsUsersAndGroupsByTheirAttributesHere) {
     EXPECT_EQ(found.size(), 1U);
     return found.empty() ? Attributes() : found.front().attributes;
   };
-  EXPECT_EQ(search(node, {usersType}, nameAttribute, directoryMatch::any, {""}).size(), 21U);
+  EXPECT_EQ(search(node, {usersType}, nameAttribute, directoryMatch::any, {""}).size(), 20U);
   EXPECT_EQ(all(usersType, "user00019"), (Attributes{{nameAttribute, {"user00019"}},
                                                      {idAttribute, {"1019"}},
                                                      {"dsAttrTypeStandard:PrimaryGroupID", {"119"}},

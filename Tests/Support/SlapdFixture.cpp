@@ -30,7 +30,7 @@ std::string userEntry(const std::string& name, int number, const std::string& pa
       "%d\nsn: Surname\nuidNumber: %d\ngidNumber: %d\nhomeDirectory: /home/%s\nloginShell: /bin/bash\nmail: "
       "%s@example.org\n",
       name, Slapd::base, name, number, 1000 + number, 100 + number % 50, name, name);
-  if (number >= 0) entry += "entryUUID: " + Slapd::userIdentifier(number) + "\n";
+  entry += "entryUUID: " + Slapd::userIdentifier(number) + "\n";
   if (!password.empty()) entry += "userPassword: " + password + "\n";
   return entry + "\n";
 }
@@ -44,6 +44,17 @@ std::string groupEntry(int number, int users) {
   return entry + "\n";
 }
 
+std::string initialTree(const SlapdOptions& options) {
+  std::string tree =
+      format("dn: %s\nobjectClass: organization\nobjectClass: dcObject\no: Example\ndc: example\n\n", Slapd::base);
+  for (const char* unit : {"people", "groups"})
+    tree += format("dn: ou=%s,%s\nobjectClass: organizationalUnit\nou: %s\n\n", unit, Slapd::base, unit);
+  for (int number = 0; number < options.users; ++number)
+    tree += userEntry(Slapd::userName(number), number, number < 100 ? format("secret%05d", number) : "");
+  for (int number = 0; number < options.groups; ++number) tree += groupEntry(number, options.users);
+  return tree;
+}
+
 }  // namespace
 
 bool Slapd::isInstalled() { return access(program, X_OK) == 0; }
@@ -55,7 +66,7 @@ std::string Slapd::encryptedUrl() const { return "ldaps://127.0.0.1:" + std::to_
 
 Slapd::Slapd(const SlapdOptions& options) : port_(freePort()), encryptedPort_(freePort()) {
   configure(options);
-  load(options);
+  load(initialTree(options));
   if (options.certificate == nullptr) encryptedPort_ = 0;
   start();
 }
@@ -78,25 +89,23 @@ void Slapd::configure(const SlapdOptions& options) const {
       format("database mdb\nmaxsize 268435456\nsuffix %s\nrootdn %s\nrootpw administrator\ndirectory %s\ndbnosync\n",
              base, administrator, folder_.path());
   text += "index objectClass,uidNumber,gidNumber,entryUUID eq\nindex uid,cn,memberUid pres,eq,sub\n";
-  const std::string manager = format("by dn.exact=uid=manager,ou=people,%s write", base);
+  const std::string manager = format("by dn.exact=uid=%s,ou=people,%s write", userName(0), base);
   text += format("access to attrs=userPassword %s by self write by anonymous auth by * none\n", manager);
   text += format("access to * %s by * read\n", manager);
   writeFile(folder_ / "slapd.conf", text);
 }
 
-void Slapd::load(const SlapdOptions& options) const {
-  std::string tree =
-      format("dn: %s\nobjectClass: organization\nobjectClass: dcObject\no: Example\ndc: example\n\n", base);
-  for (const char* unit : {"people", "groups"})
-    tree += format("dn: ou=%s,%s\nobjectClass: organizationalUnit\nou: %s\n\n", unit, base, unit);
-  tree += userEntry("manager", -1, "manage");
-  for (int number = 0; number < options.users; ++number)
-    tree += userEntry(userName(number), number, number < 100 ? format("secret%05d", number) : "");
-  for (int number = 0; number < options.groups; ++number) tree += groupEntry(number, options.users);
-  writeFile(folder_ / "tree.ldif", tree);
+void Slapd::load(const std::string& entries) const {
+  writeFile(folder_ / "entries.ldif", entries);
   const Outcome loaded =
-      runProgram({"/usr/sbin/slapadd", "-q", "-f", folder_ / "slapd.conf", "-l", folder_ / "tree.ldif"});
+      runProgram({"/usr/sbin/slapadd", "-q", "-f", folder_ / "slapd.conf", "-l", folder_ / "entries.ldif"});
   if (loaded.status != 0) throw std::runtime_error("slapadd: " + loaded.errors);
+}
+
+void Slapd::add(const std::string& entries) {
+  stop();
+  load(entries);
+  start();
 }
 
 void Slapd::start() {

@@ -13,8 +13,8 @@ namespace ostrel::testing {
 class TestCertificate;
 
 /// What the tree holds: users "user00000", ... with numbers from 1000 on, passwords "secret00000", ... for the first
-/// hundred; groups "group000", ... with numbers from 5000 on and four members each. Besides these the user "manager",
-/// password "manage", who may change everything.
+/// hundred; groups "group000", ... with numbers from 5000 on and four members each. The first user may change
+/// everything.
 struct SlapdOptions {
   int users = 20;
   int groups = 5;
@@ -36,7 +36,6 @@ class Slapd {
   static std::string userName(int number);
   static std::string groupName(int number);
   static std::string userIdentifier(int number);  ///< in upper case
-  /// How many users `SlapdOptions` of such a tree make, the manager among them.
 
   std::string url() const;           ///< ldap://127.0.0.1:PORT
   std::string encryptedUrl() const;  ///< ldaps://127.0.0.1:PORT
@@ -49,13 +48,16 @@ class Slapd {
   void freeze() const { process_->send(SIGSTOP); }
   void thaw() const { process_->send(SIGCONT); }
 
+  /// Adds entries (LDIF, RFC 2849) to the tree, with whatever attributes they have; restarts it.
+  void add(const std::string& entries);
+
   /// An entry of the nodes' configuration that leads here, bound as the administrator. Its password file is made below
   /// `root`, a host root.
   PlistValue entry(const std::string& root, const std::string& path = "/LDAP/example") const;
 
  private:
   void configure(const SlapdOptions& options) const;
-  void load(const SlapdOptions& options) const;
+  void load(const std::string& entries) const;
 
   TemporaryFolder folder_;
   int port_ = 0;

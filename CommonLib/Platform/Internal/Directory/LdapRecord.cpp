@@ -56,7 +56,7 @@ class LdapRecord final : public DirectoryRecord {
       if (const auto placeholder = placeholderIn(known, now))
         changes.push_back({LDAP_MOD_DELETE, known.ldapName, {*placeholder}});
       changes.push_back({LDAP_MOD_ADD, known.ldapName, {written}});
-      modify(now, changes);
+      modify(changes);
     });
   }
 
@@ -67,8 +67,7 @@ class LdapRecord final : public DirectoryRecord {
       if (known.meaning == LdapMeaning::password) return renewPassword(now, value);
       if (old->bytes == value) return;
       if (known.meaning == LdapMeaning::name && old->bytes == now.names.front()) return rename(now, value);
-      modify(now, {{LDAP_MOD_DELETE, known.ldapName, {onServers(known, old->bytes)}},
-                   {LDAP_MOD_ADD, known.ldapName, {onServers(known, value)}}});
+      modify(replacement(known, now, old->bytes, value));
     });
   }
 
@@ -78,7 +77,7 @@ class LdapRecord final : public DirectoryRecord {
       if (old == nullptr) throw LdapFailure{directoryStatus::noSuchValue};
       if (now.numbered.size() == 1) return removeAll(known, now);
       if (known.meaning == LdapMeaning::name && old->bytes == now.names.front()) return rename(now, now.names[1]);
-      modify(now, {{LDAP_MOD_DELETE, known.ldapName, {onServers(known, old->bytes)}}});
+      modify({{LDAP_MOD_DELETE, known.ldapName, {onServers(known, old->bytes)}}});
     });
   }
 
@@ -96,7 +95,7 @@ class LdapRecord final : public DirectoryRecord {
         if (std::ranges::find(change.values, written) == change.values.end())
           change.values.push_back(std::move(written));
       }
-      modify(now, {change});
+      modify({change});
     });
   }
 
@@ -188,15 +187,33 @@ class LdapRecord final : public DirectoryRecord {
     });
   }
 
+  // One value in the place of another. Servers keep values in the order in which they came: those behind it come again,
+  // unless they are so many that their order is worth less.
+  std::vector<LdapChange> replacement(const LdapAttribute& known, const Snapshot& now, std::string_view old,
+                                      std::string_view value) {
+    constexpr std::ptrdiff_t mostReordered = 1000;
+    LdapChange removed{LDAP_MOD_DELETE, known.ldapName, {onServers(known, old)}};
+    LdapChange added{LDAP_MOD_ADD, known.ldapName, {onServers(known, value)}};
+    const auto present = now.entry.valuesOf(known.ldapName);
+    const auto found = std::ranges::find(present, removed.values.front());
+    if (known.meaning != LdapMeaning::name && found != present.end() && present.end() - found <= mostReordered)
+      for (auto behind = found + 1; behind != present.end(); ++behind) {
+        removed.values.emplace_back(*behind);
+        if (*behind != added.values.front()) added.values.emplace_back(*behind);
+      }
+    return {removed, added};
+  }
+
   void requireFree(const Snapshot& now, std::string_view name) {
     const auto other = readFrom(
         *pool_, [&](LdapConnection& connection) { return findLdapRecord(*directory_, type_, name, connection); });
     if (other && other->dn != now.place.dn) throw LdapFailure{directoryStatus::recordExists};
   }
 
-  void modify(const Snapshot& now, const std::vector<LdapChange>& changes) {
-    changeOn(*pool_, [&](LdapConnection& connection) { connection.modify(place().dn, changes); });
-    static_cast<void>(now);
+  // A rename may have come before.
+  void modify(const std::vector<LdapChange>& changes) {
+    const std::string dn = place().dn;
+    changeOn(*pool_, [&](LdapConnection& connection) { connection.modify(dn, changes); });
   }
 
   void rename(const Snapshot& now, std::string_view name) {
@@ -220,7 +237,7 @@ class LdapRecord final : public DirectoryRecord {
     LdapChange change{LDAP_MOD_REPLACE, known.ldapName, {}};
     if (const LdapPlaceholder* placeholder = type_.placeholderFor(known))
       change.values.emplace_back(placeholder->of(now.names.front()));
-    modify(now, {change});
+    modify({change});
   }
 
   // The hidden form stands for the password that is there.
