@@ -108,7 +108,7 @@ OSTREL_EXPORT PlistValue DSGetListOfRecords(const PlistValue& nodePath, const Pl
 /// "idIs", "idIsGreaterThan", "idIsLessThan"; "commentContains" compares the identifier too: that is meant. The
 /// identifier is the group id when the first type is groups, else the user id. A `patternText` that is null, empty or
 /// "*" asks for all. "+returnSystemAccounts" behind the key lists system accounts of those of users and groups that are
-/// among the types; Internal/SystemAccounts.h tells which they are.
+/// among the types; docs/directory.md tells which they are.
 ///
 /// `maximum` is 256 by default and for 0. Marking of administrators as in `DSGetListOfRecords`.
 ///

@@ -341,6 +341,18 @@ TEST_P(RecordListings, HideSystemAccountsUnlessAskedFor) {
   EXPECT_EQ(counted(users, "idIsLessThan+returnSystemAccounts", "500"), 3);
 }
 
+// A record with a user id and a group id: a group id of the system's decides, but for 99.
+TEST_P(RecordListings, LetTheGroupIdOverruleTheUserId) {
+  if (testNode->path() != "/Local") GTEST_SKIP() << "only here has a group a user id";
+  for (const int gid : {20, 25, 99, 1000})
+    for (const int uid : {100, 600})
+      add({{groupsType,
+            "g" + std::to_string(gid) + "u" + std::to_string(uid),
+            {{groupIdAttribute, {std::to_string(gid)}}, {idAttribute, {std::to_string(uid)}}}}});
+  EXPECT_THAT(namesIn(DSGetValueMatchedListOfRecords({}, texts({groupsType}), texts({nameAttribute}), "nameIs", {})),
+              UnorderedElementsAre("g20u100", "g20u600", "g99u600", "g1000u600"));
+}
+
 TEST_P(RecordListings, MatchValuesByTheirKey) {
   add({user("ada", 1500, 20, "1500"), user("adam", 1501, 20, "x"), user("grace", 2150, 20, "x"), group("ada", 1500),
        group("staff", 2500)});

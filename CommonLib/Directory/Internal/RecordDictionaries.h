@@ -58,7 +58,7 @@ class RecordCollector final : private RecordVisitor {
 
 PlistValue statusAlone(DirectoryStatus status);
 
-/// Runs a listing: out of memory becomes its answer.
+/// Runs a listing: what is thrown becomes its answer.
 template <class Listing>
 PlistValue answerOf(Listing&& listing) noexcept {
   try {
@@ -66,6 +66,8 @@ PlistValue answerOf(Listing&& listing) noexcept {
       return listing();
     } catch (const std::bad_alloc&) {
       return statusAlone(directoryStatus::outOfMemory);
+    } catch (...) {
+      return statusAlone(directoryStatus::storageFailed);
     }
   } catch (const std::bad_alloc&) {
     return {};

@@ -13,7 +13,7 @@ namespace {
 constexpr int firstSiteUser = 500;
 constexpr int lastSystemGroup = 499;
 constexpr int undecidedGroup = 99;
-constexpr std::array siteGroups = {10, 12, 16, 20, 50, 61, 62, 80, undecidedGroup};
+constexpr std::array siteGroups = {10, 12, 16, 20, 50, 61, 62, 80};
 
 std::string_view firstText(const PlistValue& attributes, std::string_view name) {
   const PlistValue* values = attributes.find(name);
@@ -23,10 +23,6 @@ std::string_view firstText(const PlistValue& attributes, std::string_view name) 
 std::optional<int> firstNumber(const PlistValue& attributes, std::string_view name) {
   if (!attributes.contains(name)) return std::nullopt;
   return leadingInt(firstText(attributes, name));
-}
-
-bool isSystemGroup(int group) {
-  return group <= lastSystemGroup && std::ranges::find(siteGroups, group) == siteGroups.end();
 }
 
 }  // namespace
@@ -40,7 +36,8 @@ bool HiddenAccounts::hide(std::string_view type, const PlistValue& attributes) c
   }
   if (groups && type != directoryName::users && type != userAliases) {
     const auto id = firstNumber(attributes, directoryName::primaryGroupID);
-    if (id && *id != undecidedGroup) hidden = isSystemGroup(*id);
+    if (id && *id <= lastSystemGroup && *id != undecidedGroup)
+      hidden = std::ranges::find(siteGroups, *id) == siteGroups.end();
     if (name.starts_with("netboot") || name.starts_with("com.brantle.")) hidden = true;
   }
   return hidden;

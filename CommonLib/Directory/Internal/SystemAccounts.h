@@ -16,9 +16,8 @@ struct HiddenAccounts {
   /// Whether a record (attribute name -> array of strings) is hidden.
   /// As a user: by a user id below 500, or a name that begins with "netboot". Records of every type are looked at.
   /// As a group, unless it is a user or a user alias: by a group id up to 499 other than those that sites use, or a
-  /// name that begins with "netboot" or "com.brantle."; the group id has the last word over what makes a user hidden,
-  /// but for
-  /// 99. A record without the identifier is not hidden by it.
+  /// name that begins with "netboot" or "com.brantle.". Such a group id overrules what makes a user hidden, both ways;
+  /// 99 does not. A record without the identifier is not hidden by it.
   bool hide(std::string_view type, const PlistValue& attributes) const;
 };
 
