@@ -1,5 +1,6 @@
 #include "ostrelctl/Subcommands.h"
 
+#include "ostrelctl/AccountsCommand.h"
 #include "ostrelctl/BatchCommand.h"
 #include "ostrelctl/ConfigCommand.h"
 #include "ostrelctl/HistoryCommand.h"
@@ -13,6 +14,8 @@ namespace ostrel {
 namespace {
 
 constexpr SubcommandEntry table[] = {
+    {"users", "List and change the users of a directory node", makeUsersCommand},
+    {"groups", "List and change the groups of a directory node, and their members", makeGroupsCommand},
     {"batch", "Run several commands side by side", makeBatchCommand},
     {"status", "Show how the daemon fares", makeStatusCommand},
     {"modules", "List the daemon's modules", makeModulesCommand},
