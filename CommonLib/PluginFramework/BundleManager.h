@@ -47,7 +47,7 @@ class OSTREL_EXPORT BundleManager {
   BundleManager();
   /// `initWithBundle:`: loads the bundle "NAME.bundle" only. Such a host keeps no list of outstanding requests.
   explicit BundleManager(std::string_view moduleName);
-  /// Waits for its background threads, then destroys the handlers.
+  /// `dealloc`: waits for its background threads, then destroys the handlers.
   virtual ~BundleManager();
   BundleManager(const BundleManager&) = delete;
   BundleManager& operator=(const BundleManager&) = delete;

@@ -81,6 +81,7 @@ class OSTREL_EXPORT OperationTable {
 /// What an operation throws passes through this class; the host turns it into a response.
 class OSTREL_EXPORT PluginRequestHandler {
  public:
+  /// `dealloc`: stops observing.
   virtual ~PluginRequestHandler();
   PluginRequestHandler(const PluginRequestHandler&) = delete;
   PluginRequestHandler& operator=(const PluginRequestHandler&) = delete;

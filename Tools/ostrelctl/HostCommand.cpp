@@ -78,9 +78,7 @@ class HostCommand : public Subcommand {
 
   int run(const SharedOptions& shared) override {
     int exitStatus = done;
-    auto exchange = Exchange::open(shared, exitStatus);
-    if (!exchange) return exitStatus;
-    auto answer = exchange->send(module_, PlistValue::dictionaryOf({{"command", command}}), exitStatus);
+    auto answer = ask(shared, module_, PlistValue::dictionaryOf({{"command", command}}), exitStatus);
     if (!answer) return exitStatus;
     const bool isPage = shared.form == OutputForm::text && answer->reply.get("error").isNull();
     if (isPage) answer->reply = hostPage(answer->reply);
