@@ -137,15 +137,19 @@ TEST(SysLogger, NamesLevelsFiltersAndRemembersTheWorst) {
   logger->messageWithPriority(3, "%d%% of %@", 50, PlistValue("disk"));
   logger->messageWithPriority(6 | 3 << 3, "facility");
   EXPECT_EQ(logger->highWaterMark(), 3);
+  logger->messageWithPriority(7, "all at first");
   logger->setMinPriorityLevel(4);
   logger->setPrefix("p");
   logger->messageWithPriority(5, "dropped");
+  logger->messageWithPriority(4, "at the limit");
   logger->messageWithPriority(2, "%s", "kept");
   EXPECT_EQ(logger->highWaterMark(), 2);
   logger->setMinPriorityLevel(-1);
   logger->messageWithPriority(0, "dropped, and yet it raises the mark");
   EXPECT_EQ(logger->highWaterMark(), 0);
-  EXPECT_EQ(log.lines(), (std::vector<std::string>{"mail:Error:50% of disk", "mail:Info:facility", "p:Critical:kept"}));
+  EXPECT_EQ(log.lines(),
+            (std::vector<std::string>{"mail:Error:50% of disk", "mail:Info:facility", "mail:Debug:all at first",
+                                      "p:Warning:at the limit", "p:Critical:kept"}));
   EXPECT_EQ(log.records()[1].priority, 6 | 3 << 3);
 }
 
