@@ -16,7 +16,7 @@ constexpr std::size_t longestPreferences = 16U << 20U;
 std::string localLibraryFolder() { return hostPath("/Library"); }
 
 PlistValue failoverPreferences() {
-  const FileDescriptor file = openRegularFile(format("%s/Preferences/com.brantle.tavrond.plist", localLibraryFolder()));
+  const FileDescriptor file = openRegularFile(format("%@/Preferences/com.brantle.tavrond.plist", localLibraryFolder()));
   if (!file) return {};
   const auto bytes = readToEnd(file.get(), longestPreferences);
   return bytes ? readPropertyList(*bytes) : PlistValue();

@@ -6,6 +6,7 @@
 #include <memory>
 #include <set>
 
+#include "Containers/Format.h"
 #include "Platform/Files.h"
 #include "Platform/HostRoot.h"
 
@@ -47,6 +48,8 @@ std::string textOf(const std::string& place, std::string_view file) {
   return text.substr(0, text.find('\n'));
 }
 
+std::string childOf(const std::string& place, std::string_view name) { return format("%s/%s", place, name); }
+
 // The bus or class that a device is of.
 std::string subsystemOf(const std::string& place) {
   const std::string link = readLink(sysPath(place + "/subsystem")).value_or("");
@@ -68,7 +71,7 @@ std::vector<std::string> membersOf(const std::string& place) {
   const std::string slaves = (isPartition ? parentOf(place) : place) + "/slaves";
   std::vector<std::string> members;
   for (const std::string& name : namesIn(slaves)) {
-    if (auto member = deviceAt(sysPath(slaves + "/" + name))) members.push_back(*std::move(member));
+    if (auto member = deviceAt(sysPath(childOf(slaves, name)))) members.push_back(*std::move(member));
   }
   return members;
 }
@@ -81,7 +84,7 @@ bool isLibataPort(const std::string& place) {
 const char* libataInterconnect(const std::string& place) {
   for (const std::string& link : namesIn(place)) {
     if (link.starts_with("link") &&
-        textOf(place + "/" + link + "/ata_link/" + link, "sata_spd").find("bps") != std::string::npos)
+        textOf(format("%s/%s/ata_link/%s", place, link, link), "sata_spd").find("bps") != std::string::npos)
       return "SATA";
   }
   return "ATA";
@@ -106,7 +109,7 @@ const char* nvmeInterconnect(const std::string& place) {
 // A subsystem holds links to the controllers through which its disks are reached.
 const char* nvmeSubsystemInterconnect(const std::string& place) {
   for (const std::string& name : namesIn(place)) {
-    if (isNumbered(name, "nvme")) return nvmeInterconnect(place + "/" + name);
+    if (isNumbered(name, "nvme")) return nvmeInterconnect(childOf(place, name));
   }
   return nullptr;
 }
@@ -117,7 +120,7 @@ const char* interconnectOf(const std::string& place);
 const char* providedInterconnect(const std::string& place) {
   const char* found = nullptr;
   for (const std::string& name : namesIn(place)) {
-    const std::string child = place + "/" + name;
+    const std::string child = childOf(place, name);
     const char* provided = nullptr;
     if (name == "nvme") provided = "PCI-Express";
     for (const char* kind : {"ata", "host", "usb", "fw", "virtio"}) {

@@ -41,11 +41,18 @@ SocketAddress copied(const sockaddr* address) {
   return address == nullptr ? SocketAddress() : SocketAddress(address, lengthOf(address));
 }
 
+// An IPv4 address may have a label (ip-address(8)), which getifaddrs gives in the place of the interface's name. No
+// interface has a ":" in its name.
+std::string interfaceOf(const char* label) {
+  const std::string_view text = label == nullptr ? "" : label;
+  return std::string(text.substr(0, text.find(':')));
+}
+
 // getifaddrs gives an interface without a link-layer address no address at all.
-SocketAddress emptyLinkLayerAddress(const char* interface) {
+SocketAddress emptyLinkLayerAddress(const std::string& interface) {
   sockaddr_ll empty{};
   empty.sll_family = AF_PACKET;
-  empty.sll_ifindex = static_cast<int>(if_nametoindex(interface));
+  empty.sll_ifindex = static_cast<int>(if_nametoindex(interface.c_str()));
   return {reinterpret_cast<const sockaddr*>(&empty), sizeof empty};  // NOLINT: how socket addresses are passed
 }
 
@@ -57,7 +64,7 @@ class HostInterfaceAddresses final : public InterfaceAddresses {
     const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owned(found, &freeifaddrs);
     std::vector<InterfaceAddress> addresses;
     for (const ifaddrs* entry = found; entry != nullptr; entry = entry->ifa_next) {
-      const char* name = entry->ifa_name == nullptr ? "" : entry->ifa_name;
+      const std::string name = interfaceOf(entry->ifa_name);
       addresses.push_back({name, entry->ifa_addr == nullptr ? emptyLinkLayerAddress(name) : copied(entry->ifa_addr),
                            copied(entry->ifa_netmask), entry->ifa_flags});
     }

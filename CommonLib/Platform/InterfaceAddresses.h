@@ -11,10 +11,9 @@
 
 namespace ostrel {
 
-/// One entry of the system's list. `address` and `netmask` are of length 0 where the system gives none. An IPv4 address
-/// that has a label (ip-address(8)) has it in the place of the interface's name: "eth0:1".
+/// One entry of the system's list. `address` and `netmask` are of length 0 where the system gives none.
 struct InterfaceAddress {
-  std::string name;        ///< interface, for example "eth0"; "" where the system gives none
+  std::string name;        ///< interface, for example "eth0" (for an address labelled "eth0:1", too); "" for none
   SocketAddress address;   ///< of any family (AF_INET, AF_INET6, AF_PACKET ...)
   SocketAddress netmask;   ///< of the address's family
   unsigned int flags = 0;  ///< IFF_... of <net/if.h>

@@ -121,6 +121,7 @@ std::shared_ptr<VolumeReport::Question> VolumeReport::ask(const std::string& pat
 PlistValue VolumeReport::take() {
   const std::vector<Volume> volumes = mainVolumes();
   std::vector<std::shared_ptr<Question>> questions;
+  questions.reserve(volumes.size());
   for (const Volume& volume : volumes) questions.push_back(ask(volume.path));
 
   const auto deadline = Clock::current().monotonic() + patience;

@@ -168,11 +168,12 @@ TEST(InterfaceInfo, DescribesANetworkAsItChanges) {
     testing::ip("link set one alias 'Office wire'");
     testing::ip("address add 192.0.2.1/24 dev one");
     testing::ip("address add 2001:db8::1/64 dev one nodad");
-    testing::ip("address add 198.51.100.1/30 dev two");
+    testing::ip("address add 198.51.100.1/30 label two:label dev two");
     testing::ip("route add default via 192.0.2.254 dev one metric 5");
     testing::ip("route add default via 198.51.100.2 dev two metric 9");
 
     PlistValue found = get_interfaces_info(false);
+    EXPECT_THAT(column(found, "name"), ElementsAre("one", "two", "one"));
     EXPECT_THAT(column(found, "ipAddress"), ElementsAre("192.0.2.1", "198.51.100.1", "2001:db8::1"));
     EXPECT_THAT(column(found, "subnetMask"), ElementsAre("255.255.255.0", "255.255.255.252", "ffff:ffff:ffff:ffff::"));
     EXPECT_THAT(column(found, "isPrimaryIPv4Interface"), ElementsAre("-", "-", "1"));
