@@ -121,6 +121,15 @@ void Slapd::start() {
     throw std::runtime_error("slapd does not start: " + readFile(folder_ / "errors"));
 }
 
+void Slapd::freeze() const {
+  process_->send(SIGSTOP);
+  const auto isStopped = [&] {
+    const std::string status = readFile("/proc/" + std::to_string(process_->pid()) + "/stat");
+    return status.find(") T ") != std::string::npos;
+  };
+  if (!eventually(isStopped)) throw std::runtime_error("slapd does not stop");
+}
+
 void Slapd::stop() {
   if (!process_) return;
   process_->send(SIGCONT);

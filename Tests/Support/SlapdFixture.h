@@ -45,7 +45,7 @@ class Slapd {
   void start();
   void stop();
   /// Stops it from answering, and lets it go on (SIGSTOP and SIGCONT).
-  void freeze() const { process_->send(SIGSTOP); }
+  void freeze() const;
   void thaw() const { process_->send(SIGCONT); }
 
   /// Adds entries (LDIF, RFC 2849) to the tree, with whatever attributes they have; restarts it.

@@ -15,7 +15,6 @@ using Clock = std::chrono::steady_clock;
 // What one answer may bring: a page of large records, but not all memory.
 constexpr std::size_t largestAnswer = 64U << 20U;
 constexpr ber_len_t largestMessage = 16U << 20U;
-constexpr const char* hostCertificates = "/etc/ssl/certs/ca-certificates.crt";
 
 DirectoryStatus statusOf(int code) {
   switch (code) {
@@ -182,8 +181,7 @@ void LdapConnection::prepare(const LdapSettings& settings) {
   setFlag(handle_, LDAP_OPT_X_TLS_REQUIRE_SAN, LDAP_OPT_X_TLS_ALLOW);
   setFlag(handle_, LDAP_OPT_X_TLS_CRLCHECK, LDAP_OPT_X_TLS_CRL_NONE);
   setFlag(handle_, LDAP_OPT_X_TLS_PROTOCOL_MIN, LDAP_OPT_X_TLS_PROTOCOL_TLS1_2);
-  const char* certificates = settings.caFile.empty() ? hostCertificates : settings.caFile.c_str();
-  ldap_set_option(handle_, LDAP_OPT_X_TLS_CACERTFILE, certificates);
+  ldap_set_option(handle_, LDAP_OPT_X_TLS_CACERTFILE, settings.caFile.c_str());
   for (const int option : {LDAP_OPT_X_TLS_CACERTDIR, LDAP_OPT_X_TLS_CERTFILE, LDAP_OPT_X_TLS_KEYFILE,
                            LDAP_OPT_X_TLS_CIPHER_SUITE, LDAP_OPT_X_TLS_CRLFILE})
     ldap_set_option(handle_, option, nullptr);

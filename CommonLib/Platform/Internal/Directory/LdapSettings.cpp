@@ -124,6 +124,13 @@ void refuseUnknownKeys(const PlistValue& dictionary, std::span<const std::string
       throw Fault{"the unknown key \"" + std::string(name.stringValue()) + "\"" + where};
 }
 
+// Those below the host root, where there are any.
+std::string hostsCertificates() {
+  constexpr const char* file = "/etc/ssl/certs/ca-certificates.crt";
+  const std::string belowRoot = hostPath(file);
+  return fileStatus(belowRoot) ? belowRoot : file;
+}
+
 LdapSettings settingsIn(const std::string& path, const PlistValue& entry) {
   constexpr std::array<std::string_view, 17> keys = {
       "Kind",           "Path",           "Servers",         "RequireTLS",  "CAFile",
@@ -142,7 +149,7 @@ LdapSettings settingsIn(const std::string& path, const PlistValue& entry) {
           .base = textAt(entry, "Base"),
           .usersContainer = textAt(entry, "UsersContainer"),
           .groupsContainer = textAt(entry, "GroupsContainer"),
-          .caFile = caFile.empty() ? caFile : hostPath(caFile),
+          .caFile = caFile.empty() ? hostsCertificates() : hostPath(caFile),
           .credentials = credentialsIn(entry),
           .connectTimeout = secondsAt(entry, "ConnectTimeout", usual.connectTimeout),
           .answerTimeout = secondsAt(entry, "AnswerTimeout", usual.answerTimeout),

@@ -41,7 +41,7 @@ struct LdapSettings {
   std::string base;             ///< empty: the server is asked
   std::string usersContainer;   ///< empty: users are looked for below the base
   std::string groupsContainer;  ///< the same for groups
-  std::string caFile;           ///< the certificates that sign those of the servers; empty: those of the host
+  std::string caFile;           ///< the certificates that sign those of the servers
   LdapCredentials credentials;
   std::chrono::milliseconds connectTimeout{5000};  ///< for a connection with TLS and bind
   std::chrono::milliseconds answerTimeout{15000};  ///< for every answer
