@@ -396,10 +396,9 @@ TEST_F(LdapNode, AsksServersInTurn) {
   configure(impatientEntry(
       PlistValue::arrayOf({closedUrl, "ldap://127.0.0.1:" + std::to_string(silent.port()), slapd->url()})));
   const auto begun = std::chrono::steady_clock::now();
-  EXPECT_EQ(listingStatus(), directoryStatus::unreachable) << "it took the connection and never answered";
-  configure(impatientEntry(PlistValue::arrayOf({closedUrl, slapd->url()})));
-  EXPECT_EQ(listingStatus(), 0);
-  EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(20));
+  EXPECT_EQ(listingStatus(), 0) << "the second one took the connection and never answered";
+  EXPECT_EQ(signIn(node, "user00001", "secret00001"), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(10));
 }
 
 TEST_F(LdapNode, WaitsForSilentServersForItsTimeOnly) {
@@ -468,7 +467,7 @@ TEST_F(LdapNode, SurvivesAnswersThatMakeNoSense) {
         char request[4096];
         if (!client || receiveSome(client.get(), request, sizeof request) <= 0) continue;
         sendSome(client.get(), bytes.data(), bytes.size());
-        const timeval limit{2, 0};
+        const timeval limit{0, 600000};
         setsockopt(client.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         receiveSome(client.get(), request, sizeof request);  // until it is left
       }

@@ -241,7 +241,7 @@ void LdapConnection::fail(int code, const char* text, bool sent) {
   const bool lost = code < 0 || code == LDAP_UNAVAILABLE;
   if (lost) broken_ = true;
   if (!isRoutine(code)) {
-    const char* reason = lost && socket_->timedOut() ? "no answer in time" : ldap_err2string(code);
+    const char* reason = timedOut_ ? "no answer in time" : ldap_err2string(code);
     const bool explained = text != nullptr && *text != '\0';
     logNotice("[%d] LDAP server %s: %s%s%s", processId(), url_, reason, explained ? ": " : "", explained ? text : "");
   }
@@ -265,6 +265,7 @@ LdapMessages LdapConnection::await(int request) {
   const int kind = ldap_result(handle_, request, LDAP_MSG_ALL, &limit, &messages);
   LdapMessages owned(messages);
   if (kind > 0 && messages != nullptr) return owned;
+  timedOut_ = kind == 0 || socket_->timedOut();
   int code = LDAP_TIMEOUT;
   if (kind < 0) ldap_get_option(handle_, LDAP_OPT_RESULT_CODE, &code);
   fail(code < 0 ? code : LDAP_SERVER_DOWN, nullptr, true);

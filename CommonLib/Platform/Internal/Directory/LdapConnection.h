@@ -64,6 +64,9 @@ class LdapConnection {
   LdapConnection(const LdapConnection&) = delete;
   LdapConnection& operator=(const LdapConnection&) = delete;
 
+  const std::string& url() const { return url_; }
+  /// Whether an answer did not come in time.
+  bool timedOut() const { return timedOut_; }
   LDAP* handle() const { return handle_; }
   /// Whether another operation may go over it: nothing failed, and the server did not hang up meanwhile.
   bool isUsable() const;
@@ -109,6 +112,7 @@ class LdapConnection {
   std::unique_ptr<LdapSocket> socket_;
   LDAP* handle_ = nullptr;
   bool broken_ = false;
+  bool timedOut_ = false;
 };
 
 }  // namespace ostrel::detail

@@ -24,7 +24,18 @@ std::vector<std::size_t> LdapServers::order() {
     if (states_[at].restsUntil <= now) order.push_back(at);
   const auto preferred = std::ranges::find(order, preferred_);
   if (preferred != order.end()) std::rotate(order.begin(), preferred, preferred + 1);
+  std::ranges::stable_partition(order, [&](std::size_t at) OSTREL_NO_THREAD_SAFETY_ANALYSIS {  // locked above
+    return states_[at].lastUntil <= now;
+  });
   return order;
+}
+
+void LdapServers::ended(const LdapConnection& connection) {
+  if (!connection.timedOut()) return;
+  const auto isServer = [&](const LdapServer& server) { return server.url == connection.url(); };
+  const auto found = std::ranges::find_if(settings_.servers, isServer);
+  const MutexLock lock(mutex_);
+  states_[static_cast<std::size_t>(found - settings_.servers.begin())].lastUntil = Clock::now() + rest;
 }
 
 void LdapServers::tell(std::size_t server, bool answered, Clock::duration took) {
@@ -95,6 +106,7 @@ void LdapPool::giveBack(std::unique_ptr<LdapConnection> connection) {
 }
 
 void LdapPool::release(std::unique_ptr<LdapConnection> ended) {
+  if (ended) servers_->ended(*ended);
   ended.reset();
   const MutexLock lock(mutex_);
   --open_;

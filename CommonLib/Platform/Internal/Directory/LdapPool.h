@@ -14,7 +14,8 @@
 namespace ostrel::detail {
 
 /// The servers of one site, asked in turn: the one that last answered, then the others in the order of the
-/// configuration. One that did not answer in time is left alone for a while, so that not every caller waits for it.
+/// configuration. One that could not be connected to in time is left alone for a while, so that not every caller waits
+/// for it; one that took the connection and did not answer comes last for a while.
 /// Threads: any. No lock is held while a server is asked.
 class LdapServers {
  public:
@@ -23,10 +24,13 @@ class LdapServers {
   const LdapSettings& settings() const { return settings_; }
   /// Throws LdapFailure.
   std::unique_ptr<LdapConnection> connect(const LdapCredentials& credentials);
+  /// Called for connections that end.
+  void ended(const LdapConnection& connection) OSTREL_EXCLUDES(mutex_);
 
  private:
   struct State {
     std::chrono::steady_clock::time_point restsUntil{};
+    std::chrono::steady_clock::time_point lastUntil{};
   };
   std::vector<std::size_t> order() OSTREL_EXCLUDES(mutex_);
   void tell(std::size_t server, bool answered, std::chrono::steady_clock::duration took) OSTREL_EXCLUDES(mutex_);
