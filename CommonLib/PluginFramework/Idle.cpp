@@ -7,6 +7,7 @@
 #include "Platform/Clock.h"
 #include "Platform/SystemLog.h"
 #include "PluginFramework/BundleManager.h"
+#include "PluginFramework/Envelope.h"
 #include "PluginFramework/Internal/ModuleException.h"
 #include "PluginFramework/PluginRequestHandler.h"
 
@@ -56,6 +57,7 @@ void BundleManager::doIdle() {
         return;  // the other modules get no call in this pass
       }
       noteContextHolder(module, marker);
+      remove_user_from_dict(context);  // left by a request: no user asks for this call
       if (plugInLogging) logNotice("[%d]     Processing idle for %@", processId(), module);
       try {
         arguments.giveTo(*handler, context, &lockFileFD);
@@ -88,6 +90,7 @@ void BundleManager::doIdle(std::string_view module) {
   const PlistValue context = getAndLockContext(module, &lockFileFD, &timedOut);
   if (!timedOut) {
     noteContextHolder(module, marker);
+    remove_user_from_dict(context);
     try {
       if (handler != nullptr) arguments.giveTo(*handler, context, &lockFileFD);
     } catch (...) {

@@ -78,7 +78,8 @@ class OSTREL_EXPORT OperationTable {
 /// lock of its context, until the operation returns or calls `unlockContext`. A response is sent after that: it shares
 /// no mutable part of the context.
 ///
-/// What an operation throws passes through this class; the host turns it into a response.
+/// What an operation throws passes through this class; the host turns it into a response. Request and context stay with
+/// the thread then, without the descriptor, until its next request or idle call.
 class OSTREL_EXPORT PluginRequestHandler {
  public:
   /// `dealloc`: stops observing.
@@ -107,7 +108,7 @@ class OSTREL_EXPORT PluginRequestHandler {
   PlistValue currentRequest() const;
   /// The "command" of the request, or null.
   PlistValue currentCommand() const;
-  /// The name of the requesting user, or null.
+  /// The name of the requesting user, or null (idle).
   PlistValue currentUserName() const;
   /// The module's context, mutable and locked; set "contextDirty" in it to have it written back. Null outside.
   PlistValue context() const;

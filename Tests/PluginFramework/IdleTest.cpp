@@ -33,9 +33,11 @@ TEST(Idle, HandsCountsToEveryModule) {
   const HostFixture host;
   for (const char* name : {"one.bundle", "two.bundle"}) host.install("Good", name);
   BundleManager manager;
+  for (const char* module : {"one", "two"}) manager.doCommand(command("getState"), module, "alice");
   manager.doIdle();
   manager.setSleepMode(true);
   manager.doIdle();
+  manager.doCommand(command("getState"), "two", "alice");
   manager.doIdle("two");
   manager.setSleepMode(false);
   manager.doIdle();

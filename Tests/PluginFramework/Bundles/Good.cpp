@@ -56,6 +56,7 @@ class GoodHandler : public ostrel::PluginRequestHandler {
     const PlistValue before = context().get("counts");
     PlistValue counts = before.isNull() ? PlistValue::mutableArray() : before.mutableCopy();
     counts.append(count);
+    if (!currentUserName().isNull()) counts.append("a user, which nobody is");
     setKept("counts", counts);
     if (context().get("throw").boolValue()) throw std::runtime_error("idle hands");
     return 0;
