@@ -25,12 +25,15 @@ bool isOnTheNetwork(const Volume& volume) {
   return std::ranges::find(types, volume.type) != std::end(types);
 }
 
-// A person's volumes, without what the kernel and containers mount for themselves.
+// A person's volumes, without what the kernel, containers and packages mount for themselves.
+bool isMain(const Volume& volume) {
+  if (volume.type == "squashfs") return false;
+  return volume.path == "/" || volume.device.starts_with("/dev/") || volume.type == "zfs" || isOnTheNetwork(volume);
+}
+
 std::vector<Volume> mainVolumes() {
   std::vector<Volume> volumes = Volumes::current().list();
-  std::erase_if(volumes, [](const Volume& each) {
-    return each.path != "/" && !each.device.starts_with("/dev/") && !isOnTheNetwork(each) && each.type != "zfs";
-  });
+  std::erase_if(volumes, [](const Volume& each) { return !isMain(each); });
   // Of one mounted over another only the upper one, which is the later, can be reached.
   std::ranges::reverse(volumes);
   std::ranges::stable_sort(volumes, {}, &Volume::path);
