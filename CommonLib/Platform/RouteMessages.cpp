@@ -120,30 +120,76 @@ void takeAddress(std::string_view message, AddressScan& scan) {
   scan.addresses.push_back(assigned);
 }
 
-// Calls `take(message)` for each message of that type; true when the dump has ended, by its last message or a fault.
-template <class Take>
-bool forEachMessage(std::string_view datagram, unsigned short wanted, Take take) {
+// Calls `visit(type, message)` for each message until it answers false; false when the bytes do not form messages.
+template <class Visit>
+bool forEachMessage(std::string_view datagram, Visit visit) {
   nlmsghdr header{};
   while (!datagram.empty()) {
-    if (!readHeader(datagram, header) || header.nlmsg_len < sizeof header || header.nlmsg_len > datagram.size() ||
-        header.nlmsg_type == NLMSG_DONE || header.nlmsg_type == NLMSG_ERROR) {
-      return true;
-    }
-    if (header.nlmsg_type == wanted) take(datagram.substr(NLMSG_HDRLEN, header.nlmsg_len - NLMSG_HDRLEN));
+    if (!readHeader(datagram, header) || header.nlmsg_len < sizeof header || header.nlmsg_len > datagram.size())
+      return false;
+    if (!visit(header.nlmsg_type, datagram.substr(NLMSG_HDRLEN, header.nlmsg_len - NLMSG_HDRLEN))) return true;
     const std::size_t step = NLMSG_ALIGN(header.nlmsg_len);
     datagram.remove_prefix(step < datagram.size() ? step : datagram.size());
   }
-  return false;
+  return true;
+}
+
+// Calls `take(message)` for each message of that type; true when the dump has ended, by its last message or a fault.
+template <class Take>
+bool readDump(std::string_view datagram, unsigned short wanted, Take take) {
+  bool ended = false;
+  const bool areMessages = forEachMessage(datagram, [&](unsigned short type, std::string_view message) {
+    ended = type == NLMSG_DONE || type == NLMSG_ERROR;
+    if (type == wanted) take(message);
+    return !ended;
+  });
+  return ended || !areMessages;
+}
+
+// Whether it leads everywhere by the main table, up or not.
+bool isDefaultRoute(std::string_view message) {
+  rtmsg route{};
+  if (!readHeader(message, route) || route.rtm_dst_len != 0) return false;
+  std::uint32_t table = route.rtm_table;
+  forEachAttribute(attributesOf(message, route), [&](unsigned short type, std::string_view payload) {
+    if (type == RTA_TABLE) readHeader(payload, table);
+  });
+  return table == RT_TABLE_MAIN;
+}
+
+bool isNews(unsigned short type, std::string_view message) {
+  switch (type) {
+    case RTM_NEWLINK:
+    case RTM_DELLINK:
+    case RTM_NEWADDR:
+    case RTM_DELADDR:
+    case NLMSG_OVERRUN:
+      return true;
+    case RTM_NEWROUTE:
+    case RTM_DELROUTE:
+      return isDefaultRoute(message);
+    default:
+      return false;
+  }
 }
 
 }  // namespace
 
 void scanRouteMessages(std::string_view datagram, DefaultRouteScan& scan) {
-  scan.ended = forEachMessage(datagram, RTM_NEWROUTE, [&scan](std::string_view message) { takeRoute(message, scan); });
+  scan.ended = readDump(datagram, RTM_NEWROUTE, [&scan](std::string_view message) { takeRoute(message, scan); });
 }
 
 void scanAddressMessages(std::string_view datagram, AddressScan& scan) {
-  scan.ended = forEachMessage(datagram, RTM_NEWADDR, [&scan](std::string_view message) { takeAddress(message, scan); });
+  scan.ended = readDump(datagram, RTM_NEWADDR, [&scan](std::string_view message) { takeAddress(message, scan); });
+}
+
+bool holdsNetworkNews(std::string_view datagram) {
+  bool found = false;
+  const bool areMessages = forEachMessage(datagram, [&found](unsigned short type, std::string_view message) {
+    found = isNews(type, message);
+    return !found;
+  });
+  return found || !areMessages;
 }
 
 const DefaultRoute* bestRoute(const std::vector<DefaultRoute>& routes, unsigned int interfaceIndex) {

@@ -12,6 +12,7 @@
 #include "Containers/LeadingInteger.h"
 #include "DaemonServices/LogTail.h"
 #include "Network/NetworkChangeContext.h"
+#include "Network/NetworkState.h"
 #include "Platform/NotificationCenter.h"
 #include "Platform/SystemLog.h"
 #include "PluginFramework/ContextStore.h"
@@ -21,7 +22,6 @@
 namespace ostrel {
 namespace {
 
-constexpr const char* networkChanged = "com.brantle.ostrel_info.netchanged";
 constexpr std::string_view networkObserverName = "didReceiveNetworkChangedNotification:";
 
 /// What a handler knows of the request that runs on this thread.
@@ -243,7 +243,7 @@ PlistValue PluginRequestHandler::tailFileWithRequest(const PlistValue& request) 
 
 void PluginRequestHandler::startObserving() {
   if (!respondsTo(networkObserverName)) return;
-  NotificationCenter::defaultCenter().addObserver(this, networkChanged, [this](const Notification& notification) {
+  NotificationCenter::defaultCenter().addObserver(this, networkChangedName, [this](const Notification& notification) {
     // One module's fault must not keep the change from the observers after it.
     try {
       handleNetworkDidChangeNotification(notification);

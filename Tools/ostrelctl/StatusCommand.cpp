@@ -67,6 +67,9 @@ PlistValue statusPage(const PlistValue& status) {
                               ? format("%lld, one every %s", status.get("idlePasses").int64Value(),
                                        durationText(interval.doubleValue()))
                               : std::string("none"));
+  page.set("network changes", status.get("networkIsWatched").boolValue()
+                                  ? PlistValue(format("%lld", status.get("networkChanges").int64Value()))
+                                  : PlistValue("not watched"));
   const PlistValue connections = status.get("connections");
   page.set("connections",
            format("%lld of %lld", connections.get("open").int64Value(), connections.get("limit").int64Value()));

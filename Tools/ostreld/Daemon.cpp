@@ -29,6 +29,7 @@
 #include "ostreld/ConsoleLog.h"
 #include "ostreld/DaemonCommands.h"
 #include "ostreld/IdlePasses.h"
+#include "ostreld/NetworkChanges.h"
 #include "ostreld/RunningFiles.h"
 #include "ostreld/ServiceNotice.h"
 #include "ostreld/ServiceWatchdog.h"
@@ -208,7 +209,8 @@ int runDaemon(const DaemonOptions& options) {
   BatchLimits batches = options.batches;
   fitIntoDescriptorLimit(connections, batches);
   IdlePasses idle(modules, options.idleInterval);
-  DaemonCommands commands(modules, idle, batches);
+  NetworkChanges network(options.watchNetwork);
+  DaemonCommands commands(modules, idle, network, batches);
   ExchangeRules rules{Authenticator({*session}),
                       [&commands](const PlistValue& request, const std::string& module, const CommandOrigin& origin) {
                         return commands.run(request, module, origin);
@@ -227,11 +229,12 @@ int runDaemon(const DaemonOptions& options) {
 
   const auto stopBegan = steady_clock::now();
   idle.stop(milliseconds::zero());  // no pass begins any more
+  network.stop(milliseconds::zero());
   const auto timeLeft = [&] {
     const auto left = options.stopTime - std::chrono::duration_cast<milliseconds>(steady_clock::now() - stopBegan);
     return std::max(left, milliseconds::zero());
   };
-  if (!stop(*server, housekeeping, signals, options.stopTime) || !idle.stop(timeLeft())) {
+  if (!stop(*server, housekeeping, signals, options.stopTime) || !idle.stop(timeLeft()) || !network.stop(timeLeft())) {
     logAt(LogLevel::error, "[%d] stopped with %d requests unfinished", processId(), server->connections().count());
     files.reset();
     std::fflush(nullptr);

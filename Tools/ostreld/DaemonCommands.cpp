@@ -11,6 +11,7 @@
 #include "ostreld/AuditLine.h"
 #include "ostreld/ConnectionTable.h"
 #include "ostreld/IdlePasses.h"
+#include "ostreld/NetworkChanges.h"
 
 namespace ostrel {
 namespace {
@@ -79,9 +80,11 @@ class DaemonCommands::BatchPlaces {
   bool areTaken_ = false;
 };
 
-DaemonCommands::DaemonCommands(BundleManager& modules, const IdlePasses& idle, const BatchLimits& limits)
+DaemonCommands::DaemonCommands(BundleManager& modules, const IdlePasses& idle, const NetworkChanges& network,
+                               const BatchLimits& limits)
     : modules_(modules),
       idle_(idle),
+      network_(network),
       limits_(limits),
       startDate_(Clock::current().now()),
       started_(Clock::current().monotonic()) {}
@@ -101,6 +104,8 @@ PlistValue DaemonCommands::status() const {
                                    {"uptimeSeconds", seconds(Clock::current().monotonic() - started_)},
                                    {"idlePasses", idle_.passes()},
                                    {"idleIntervalSeconds", seconds(idle_.interval())},
+                                   {"networkIsWatched", network_.isWatching()},
+                                   {"networkChanges", network_.posted()},
                                    {"modules", namesOf(modules_)},
                                    {"modulesNotLoaded", failuresOf(modules_)},
                                    {"outstandingRequests", outstandingRequests(modules_)},

@@ -15,6 +15,7 @@ namespace ostrel {
 class BundleManager;
 class ConnectionTable;
 class IdlePasses;
+class NetworkChanges;
 
 /// A command of a batch takes a thread and open files: nobody may ask for any number of them.
 struct BatchLimits {
@@ -27,8 +28,9 @@ struct BatchLimits {
 /// Threads: every operation may be called from any thread.
 class DaemonCommands {
  public:
-  /// Both are borrowed. The daemon's uptime counts from here.
-  DaemonCommands(BundleManager& modules, const IdlePasses& idle, const BatchLimits& limits);
+  /// All but the limits are borrowed. The daemon's uptime counts from here.
+  DaemonCommands(BundleManager& modules, const IdlePasses& idle, const NetworkChanges& network,
+                 const BatchLimits& limits);
 
   /// The status tells of these connections from now on. Borrowed.
   void watchConnections(const ConnectionTable& connections) { connections_ = &connections; }
@@ -44,6 +46,7 @@ class DaemonCommands {
 
   BundleManager& modules_;
   const IdlePasses& idle_;
+  const NetworkChanges& network_;
   const BatchLimits limits_;
   const PlistDate startDate_;
   const std::chrono::nanoseconds started_;

@@ -68,6 +68,9 @@ std::optional<DaemonOptions> readOptions(int argc, const char* const* argv, int&
 
   app.add_option("--idle-interval", idleSeconds, "Seconds between the idle passes over all modules; 0: none")
       ->check(numberRange(0, 86'400));
+  app.add_flag_callback(
+      "--no-network-changes", [&options] { options.watchNetwork = false; },
+      "Do not watch for changes of links, addresses and default routes: modules hear of none");
   app.add_flag("--crash-on-hang", options.crashOnHang,
                "When a module hangs, end by a crash, for its core file, instead of with status 1");
 

@@ -26,6 +26,7 @@ struct DaemonOptions {
   BatchLimits batches;
   std::chrono::milliseconds idleInterval{std::chrono::minutes(1)};  ///< 0: no idle passes
   bool crashOnHang = false;
+  bool watchNetwork = true;
   std::chrono::milliseconds stopTime{std::chrono::minutes(1)};
 };
 

@@ -50,4 +50,8 @@ struct AddressScan {
 /// one.
 OSTREL_EXPORT void scanAddressMessages(std::string_view datagram, AddressScan& scan);
 
+/// Whether a datagram of the kernel's news tells of a link, an address or a default route of the main table; other
+/// routes come and go by the thousand. True also for bytes that do not form messages: something was said.
+OSTREL_EXPORT bool holdsNetworkNews(std::string_view datagram);
+
 }  // namespace ostrel::detail

@@ -3,7 +3,9 @@
 #include <stdexcept>
 #include <string>
 
+#include "Network/NetworkChangeContext.h"
 #include "Platform/Clock.h"
+#include "Platform/Mutex.h"
 #include "PluginFramework/PluginRequestHandler.h"
 
 namespace ostrel {
@@ -34,16 +36,37 @@ class TestModule : public PluginRequestHandler {
   }
   PlistValue controlWithRequest(const PlistValue&) { return PlistValue::dictionaryOf({{"text", "\x1B[1m"}}); }
 
+  /// Keeps what it hears of the network, and throws at the address 203.0.113.66.
+  void didReceiveNetworkChangedNotification(NetworkChangeContext& change) {
+    PlistValue heard = PlistValue::mutableDictionaryOf({{"info", change.changeInfo()},
+                                                        {"addressChanged", change.hasAddrChanged()},
+                                                        {"usable", change.hasValidNetworkConfiguration()}});
+    heard.set("newAddress", change.newAddr());
+    const MutexLock lock(mutex_);
+    changes_.append(heard);
+    if (change.newAddr() == PlistValue("203.0.113.66")) throw std::runtime_error("a number too many");
+  }
+  PlistValue heardWithRequest(const PlistValue&) {
+    const MutexLock lock(mutex_);
+    return PlistValue::dictionaryOf({{"changes", changes_.deepMutableCopy()}});
+  }
+
  private:
   static const OperationTable& operations() {
-    static const OperationTable table{{"sleepWithRequest:", &TestModule::sleepWithRequest},
-                                      {"countWithRequest:", &TestModule::countWithRequest},
-                                      {"fillWithRequest:", &TestModule::fillWithRequest},
-                                      {"throwWithRequest:", &TestModule::throwWithRequest},
-                                      {"unprintableWithRequest:", &TestModule::unprintableWithRequest},
-                                      {"controlWithRequest:", &TestModule::controlWithRequest}};
+    static const OperationTable table{
+        {"sleepWithRequest:", &TestModule::sleepWithRequest},
+        {"countWithRequest:", &TestModule::countWithRequest},
+        {"fillWithRequest:", &TestModule::fillWithRequest},
+        {"throwWithRequest:", &TestModule::throwWithRequest},
+        {"unprintableWithRequest:", &TestModule::unprintableWithRequest},
+        {"controlWithRequest:", &TestModule::controlWithRequest},
+        {"heardWithRequest:", &TestModule::heardWithRequest},
+        {"didReceiveNetworkChangedNotification:", &TestModule::didReceiveNetworkChangedNotification}};
     return table;
   }
+
+  Mutex mutex_;
+  PlistValue changes_ OSTREL_GUARDED_BY(mutex_) = PlistValue::mutableArray();
 };
 
 }  // namespace ostrel
