@@ -121,6 +121,27 @@ TEST(RouteMessages, AddressesOfBothKindsOfLinks) {
   EXPECT_FALSE(scan.addresses[1].broadcast);
 }
 
+TEST(RouteMessages, NewsIsWhatChangesAddressesLinksAndDefaultRoutes) {
+  const std::string toANetwork = route({.prefixLength = 24}, number(RTA_OIF, 2));
+  const struct {
+    const char* what;
+    std::string datagram;
+    bool isNews;
+  } cases[] = {
+      {"nothing", "", false},
+      {"a link", message(RTM_DELLINK, ""), true},
+      {"an address behind routes", toANetwork + message(RTM_NEWADDR, ""), true},
+      {"routes to networks", toANetwork + toANetwork, false},
+      {"a default route", route({}, number(RTA_OIF, 2)), true},
+      {"an unreachable default", route({.type = RTN_UNREACHABLE}, ""), true},
+      {"the default of another table", route({}, number(RTA_TABLE, 1000)), false},
+      {"news that were lost", message(NLMSG_OVERRUN, ""), true},
+      {"a neighbour", message(RTM_NEWNEIGH, ""), false},
+      {"half a message", toANetwork.substr(0, 20), true},
+  };
+  for (const auto& [what, datagram, isNews] : cases) EXPECT_EQ(holdsNetworkNews(datagram), isNews) << what;
+}
+
 // Under the address sanitizer: no length, whatever it says, leads outside the datagram, and every scan ends.
 TEST(RouteMessages, TornAndCorruptedMessagesAreReadSafely) {
   const std::string whole = route({}, number(RTA_OIF, 2) + attribute(RTA_VIA, "\2") +
@@ -136,6 +157,7 @@ TEST(RouteMessages, TornAndCorruptedMessagesAreReadSafely) {
       corrupted[at] = value;
       DefaultRouteScan scan;
       scanRouteMessages(corrupted, scan);
+      holdsNetworkNews(corrupted);
       corrupted[4] = RTM_NEWADDR;
       AddressScan addresses;
       scanAddressMessages(corrupted, addresses);
