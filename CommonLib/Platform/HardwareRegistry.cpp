@@ -226,7 +226,7 @@ class HostHardwareRegistry final : public HardwareRegistry {
     const std::vector<std::string> members = membersOf(place);
     if (members.empty()) search.paths.push_back(std::string(servicePlane) + place + above);
     return std::ranges::all_of(members, [&](const std::string& member) {
-      return addPaths(member, "/" + nameOf(place) + above, depth + 1, search);
+      return addPaths(member, std::string("/").append(nameOf(place)).append(above), depth + 1, search);
     });
   }
 };
