@@ -55,7 +55,12 @@ Rule ruleOf(const LdapAttribute& attribute) {
 
 bool isPlain(char c) { return c > ' ' && c <= '~'; }
 
-std::string presence(std::string_view ldapName) { return "(" + std::string(ldapName) + "=*)"; }
+// Appended: g++ 12 takes text + text here for an overlapping copy.
+std::string compared(std::string_view ldapName, std::string_view how, std::string_view value) {
+  return std::string("(").append(ldapName).append(how).append(value) += ')';
+}
+
+std::string presence(std::string_view ldapName) { return compared(ldapName, "=", "*"); }
 
 // The pattern with a wildcard for everything that a server may compare in its own way: spaces, which it squeezes, and
 // all that is not ASCII.
@@ -87,7 +92,7 @@ std::string textFilter(std::string_view ldapName, std::uint32_t match, std::stri
     text += '*';
   const bool isWhole = text.find('*') == std::string::npos;
   if (text.empty() || text == "*" || (!hasParts && !isWhole)) return presence(ldapName);
-  return "(" + std::string(ldapName) + "=" + text + ")";
+  return compared(ldapName, "=", text);
 }
 
 std::optional<std::int64_t> canonicalNumber(std::string_view text) {
@@ -101,17 +106,16 @@ std::optional<std::int64_t> canonicalNumber(std::string_view text) {
 std::string numberFilter(std::string_view ldapName, std::uint32_t match, std::string_view pattern) {
   using namespace directoryMatch;
   const auto number = canonicalNumber(pattern);
-  const std::string name(ldapName);
   switch (match) {
     case exact:
     case exactIgnoringCase:
-      return number && std::to_string(*number) == pattern ? "(" + name + "=" + std::string(pattern) + ")" : "";
+      return number && std::to_string(*number) == pattern ? compared(ldapName, "=", pattern) : "";
     case lessThan:
       if (!number || *number == std::numeric_limits<std::int64_t>::min()) return "";
-      return "(" + name + "<=" + std::to_string(*number - 1) + ")";
+      return compared(ldapName, "<=", std::to_string(*number - 1));
     case greaterThan:
       if (!number || *number == std::numeric_limits<std::int64_t>::max()) return "";
-      return "(" + name + ">=" + std::to_string(*number + 1) + ")";
+      return compared(ldapName, ">=", std::to_string(*number + 1));
     default:
       return presence(ldapName);
   }
@@ -164,7 +168,7 @@ std::string escapedForFilter(std::string_view value) {
 }
 
 std::string equalityFilter(std::string_view ldapName, std::string_view value) {
-  return "(" + std::string(ldapName) + "=" + escapedForFilter(value) + ")";
+  return compared(ldapName, "=", escapedForFilter(value));
 }
 
 std::string filterFor(const LdapRecordType& type) { return equalityFilter("objectClass", type.objectClass()); }
