@@ -119,7 +119,7 @@ class UnitWriter {
  private:
   void word(const PlistValue& argument) {
     refuseUnless(isText(argument));
-    if (isGood_) text_ += " " + quotedWord(withoutSpecifiers(argument.stringValue()));
+    if (isGood_) (text_ += ' ') += quotedWord(withoutSpecifiers(argument.stringValue()));
   }
   void setting(std::string_view key, std::string_view directive, std::string_view before,
                bool (*isValid)(const PlistValue&)) {
