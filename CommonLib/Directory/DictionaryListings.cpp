@@ -84,9 +84,9 @@ DirectoryStatus collectByValues(RecordCollector& collector, DirectoryHandle node
   return collector.collect(node, std::max(maximum, 1U), step);
 }
 
-void addResult(PlistValue& response, const RecordCollector& collector) {
-  response.set("nbRecords", collector.records().count());
-  response.set("moreRecords", collector.moreRecords());
+void addCounts(PlistValue& response, const PlistValue& records, bool moreRecords) {
+  response.set("nbRecords", records.count());
+  response.set("moreRecords", moreRecords);
   response.set("status", directoryStatus::success);
 }
 
@@ -105,15 +105,16 @@ PlistValue DSGetListOfRecords(const PlistValue& nodePath, const PlistValue& reco
     if (status == directoryStatus::success)
       status = collectByName(collector, listed.node(), most, wanted, types, attributesToList(attributes));
     if (status != directoryStatus::success) return detail::statusAlone(status);
-    detail::markAdministrators(collector.records(), types, attributes, nodePath, reserved);
+    const PlistValue records = collector.takeRecords();
+    detail::markAdministrators(records, types, attributes, nodePath, reserved);
 
     PlistValue response = PlistValue::mutableDictionary();
     if (recordTypes.isArray()) response.set("recordTypesArray", recordTypes);
-    response.set("recordsArray", collector.records());
+    response.set("recordsArray", records);
     if (!startsWith.stringValue().empty()) response.set("startsWithName", startsWith);
     if (!contains.stringValue().empty()) response.set("containsName", contains);
     response.set("nodePath", listed.foundPath());
-    addResult(response, collector);
+    addCounts(response, records, collector.moreRecords());
     return response;
   });
 }
@@ -132,8 +133,9 @@ PlistValue DSGetRecordsByRecordTypeAndAttributeValues(DirectoryHandle, Directory
     if (recordType.isString()) response.set("recordType", recordType);
     if (attributeType.isString()) response.set("attributeType", attributeType);
     if (attributeValues.isArray()) response.set("attributeValues", attributeValues);
-    response.set("recordsArray", collector.records());
-    addResult(response, collector);
+    const PlistValue records = collector.takeRecords();
+    response.set("recordsArray", records);
+    addCounts(response, records, collector.moreRecords());
     return response;
   });
 }

@@ -9,6 +9,7 @@
 #include "Directory/DirectoryRecords.h"
 #include "Directory/Internal/RecordWalk.h"
 #include "Directory/RecordListings.h"
+#include "Platform/DirectoryRecordReader.h"
 
 namespace ostrel {
 namespace {
@@ -106,11 +107,11 @@ struct NameFiller {
 
 // Collects the records whose number is within the bounds.
 template <class Filler>
-class FixedCollector final : private detail::RecordVisitor {
+class FixedCollector final : private DirectoryRecordVisitor {
  public:
   using Record = typename Filler::Record;
 
-  FixedCollector(DirectoryHandle node, long first, long last) : node_(node), first_(first), last_(last) {}
+  FixedCollector(long first, long last) : first_(first), last_(last) {}
   ~FixedCollector() override {
     for (long at = 0; at < count_; ++at) Filler::release(records_[at]);
     std::free(records_);
@@ -123,7 +124,7 @@ class FixedCollector final : private detail::RecordVisitor {
       const long number = total_ + static_cast<long>(index) - 1;
       if (number < first_ || (last_ >= 0 && number > last_)) continue;
       if (!grow()) return directoryStatus::outOfMemory;
-      const DirectoryStatus status = detail::readRecord(node_, buffer, index, *this);
+      const DirectoryStatus status = readDirectoryRecord(buffer, index, *this);
       if (status != directoryStatus::success) return status;
     }
     total_ += count;
@@ -154,11 +155,12 @@ class FixedCollector final : private detail::RecordVisitor {
     attribute_ = name;
     return filler_.begin(records_[count_ - 1], name, valueCount);
   }
-  DirectoryStatus value(const DirectoryAttributeValueEntry& entry) override {
-    return filler_.fill(records_[count_ - 1], attribute_, entry);
+  DirectoryStatus value(std::string_view bytes) override {
+    const detail::ReleasedValueEntry entry(
+        dsAllocAttributeValueEntry(0, bytes.data(), static_cast<std::uint32_t>(bytes.size())));
+    return entry ? filler_.fill(records_[count_ - 1], attribute_, *entry) : directoryStatus::outOfMemory;
   }
 
-  const DirectoryHandle node_;
   const long first_;
   const long last_;
   Filler filler_;
@@ -186,7 +188,7 @@ DirectoryStatus listRecords(DirectoryHandle node, const char* name, std::uint32_
   const ReleasedList names(dsBuildListFromStringsAlloc(nameToAskFor(name, match), nullptr));
   if (!names || types == nullptr || attributes == nullptr) return directoryStatus::outOfMemory;
   try {
-    FixedCollector<Filler> collector(node, first, last);
+    FixedCollector<Filler> collector(first, last);
     const DirectoryStatus status = detail::walkSearch(
         node, 0,
         [&](DirectoryDataBuffer* buffer, std::uint32_t* found, DirectoryHandle* continuation) {

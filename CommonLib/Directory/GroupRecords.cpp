@@ -37,7 +37,8 @@ DirectoryStatus readAttributes(DirectoryHandle node, const std::string& name, Pl
         return dsGetRecordList(node, buffer, names.get(), directoryMatch::exact, types.get(), attributes.get(), count,
                                continuation);
       });
-  if (status == directoryStatus::success && collector.records().count() > 0) group = collector.records().at(0);
+  const PlistValue records = collector.takeRecords();
+  if (status == directoryStatus::success && records.count() > 0) group = records.at(0);
   return status;
 }
 

@@ -1,8 +1,17 @@
 #include "Directory/Internal/RecordDictionaries.h"
 
+#include <algorithm>
+
 #include "Directory/Internal/Utf8Text.h"
 
 namespace ostrel::detail {
+namespace {
+
+// How much memory a listing is likely to need at once.
+constexpr std::uint32_t usualRecords = 64;
+constexpr std::size_t usualAttributes = 8;
+
+}  // namespace
 
 std::uint32_t maximumOf(const PlistValue& maximum) {
   if (!maximum.isNumber()) return defaultMaximum;
@@ -25,46 +34,58 @@ bool isUsableArray(const PlistValue& array) {
 
 PlistValue statusAlone(DirectoryStatus status) { return PlistValue::mutableDictionaryOf({{"status", status}}); }
 
+RecordCollector::RecordCollector(std::uint32_t maximum)
+    : maximum_(maximum), rows_(std::min(maximum, usualRecords), usualAttributes) {}
+
 DirectoryStatus RecordCollector::collect(DirectoryHandle node, std::uint32_t asked, const SearchStep& step) {
   return walkSearch(node, asked, step, [&](const DirectoryDataBuffer& buffer, std::uint32_t count, bool& more) {
-    return takePiece(node, buffer, count, more);
+    return takePiece(buffer, count, more);
   });
 }
 
-DirectoryStatus RecordCollector::takePiece(DirectoryHandle node, const DirectoryDataBuffer& buffer, std::uint32_t count,
-                                           bool& more) {
+DirectoryStatus RecordCollector::takePiece(const DirectoryDataBuffer& buffer, std::uint32_t count, bool& more) {
   for (std::uint32_t index = 1; index <= count; ++index) {
-    if (records_.count() >= maximum_) {
+    if (rows_.count() >= maximum_) {
       moreRecords_ = true;
       more = false;
       break;
     }
-    record_ = PlistValue::mutableDictionary();
-    const DirectoryStatus status = readRecord(node, buffer, index, *this);
+    record_.clear();
+    const DirectoryStatus status = readDirectoryRecord(buffer, index, *this);
     if (status != directoryStatus::success) return status;
-    records_.append(std::move(record_));
+    rows_.add(record_);
   }
   return directoryStatus::success;
 }
 
+PlistValue RecordCollector::keyFor(std::string_view attribute) {
+  const std::size_t place = record_.size() / 2;
+  if (place < keyAtPlace_.size() && keyAtPlace_[place].stringValue() == attribute) return keyAtPlace_[place];
+  PlistValue& key = keys_[std::string(attribute)];
+  if (key.isNull()) key = attribute;
+  if (place >= keyAtPlace_.size()) keyAtPlace_.resize(place + 1, "");
+  keyAtPlace_[place] = key;
+  return key;
+}
+
 DirectoryStatus RecordCollector::beginAttribute(std::string_view name, std::uint32_t) {
-  attribute_ = name;
-  firstValue_ = values_ = PlistValue();
+  attribute_ = keyFor(name);
+  valueCount_ = 0;
   return directoryStatus::success;
 }
 
 // One value is a string, several are an array.
-DirectoryStatus RecordCollector::value(const DirectoryAttributeValueEntry& entry) {
-  PlistValue text = PlistValue::stringFromUTF8(entry.value.text());
+DirectoryStatus RecordCollector::value(std::string_view bytes) {
+  PlistValue text = rows_.text(bytes);
   if (text.isNull()) return directoryStatus::success;
-  if (firstValue_.isNull()) {
-    firstValue_ = text;
-    record_.set(attribute_, std::move(text));
-  } else if (values_.isNull()) {
-    values_ = PlistValue::mutableArrayOf({firstValue_, text});
-    record_.set(attribute_, values_);
+  ++valueCount_;
+  if (valueCount_ == 1) {
+    record_.push_back(attribute_);
+    record_.push_back(std::move(text));
+  } else if (valueCount_ == 2) {
+    record_.back() = PlistValue::mutableArrayOf({record_.back(), text});
   } else {
-    values_.append(std::move(text));
+    record_.back().append(std::move(text));
   }
   return directoryStatus::success;
 }

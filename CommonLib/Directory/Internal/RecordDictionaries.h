@@ -6,11 +6,14 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "Containers/PlistRows.h"
 #include "Containers/PlistValue.h"
 #include "Directory/Internal/RecordWalk.h"
+#include "Platform/DirectoryRecordReader.h"
 
 namespace ostrel::detail {
 
@@ -31,29 +34,32 @@ std::vector<std::string> namesIn(const PlistValue& array);
 bool isUsableArray(const PlistValue& array);
 
 /// Makes dictionaries of the records of a search, `maximum` at most.
-class RecordCollector final : private RecordVisitor {
+class RecordCollector final : private DirectoryRecordVisitor {
  public:
-  explicit RecordCollector(std::uint32_t maximum) : maximum_(maximum) {}
+  explicit RecordCollector(std::uint32_t maximum);
 
   /// Walks over a search of the node as `walkSearch` does.
   DirectoryStatus collect(DirectoryHandle node, std::uint32_t asked, const SearchStep& step);
-  const PlistValue& records() const { return records_; }
+  /// The records, a mutable array of mutable dictionaries; once.
+  PlistValue takeRecords() { return rows_.finish(); }
   /// Whether there was one behind the last that was collected.
   bool moreRecords() const { return moreRecords_; }
 
  private:
   DirectoryStatus beginAttribute(std::string_view name, std::uint32_t valueCount) override;
-  DirectoryStatus value(const DirectoryAttributeValueEntry& entry) override;
-  DirectoryStatus takePiece(DirectoryHandle node, const DirectoryDataBuffer& buffer, std::uint32_t count, bool& more);
+  DirectoryStatus value(std::string_view bytes) override;
+  DirectoryStatus takePiece(const DirectoryDataBuffer& buffer, std::uint32_t count, bool& more);
+  PlistValue keyFor(std::string_view attribute);
 
   const std::uint32_t maximum_;
-  PlistValue records_ = PlistValue::mutableArray();
+  PlistRows rows_;
   bool moreRecords_ = false;
-  // What is being read.
-  PlistValue record_;
-  std::string_view attribute_;
-  PlistValue firstValue_;  ///< null until there is one
-  PlistValue values_;      ///< all of them, when there are several
+  std::vector<PlistValue> record_;  ///< the one being read: keys and values in turn
+  PlistValue attribute_;
+  std::uint32_t valueCount_ = 0;  ///< that the attribute has so far
+  /// Records share their keys. Most have the same attributes at the same places.
+  std::vector<PlistValue> keyAtPlace_;
+  std::unordered_map<std::string, PlistValue> keys_;
 };
 
 PlistValue statusAlone(DirectoryStatus status);

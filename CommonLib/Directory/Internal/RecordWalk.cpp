@@ -5,21 +5,6 @@ namespace {
 
 constexpr std::uint32_t largestPiece = 0x40000000;
 
-DirectoryStatus readAttribute(DirectoryHandle node, const DirectoryDataBuffer& buffer, DirectoryHandle attributes,
-                              std::uint32_t index, RecordVisitor& visitor) {
-  ReleasedValues values;
-  ReleasedAttributeEntry attribute;
-  DirectoryStatus status = dsGetAttributeEntry(node, &buffer, attributes, index, values.place(), attribute.place());
-  if (status != directoryStatus::success) return status;
-  status = visitor.beginAttribute(attribute->name, attribute->valueCount);
-  for (std::uint32_t at = 1; status == directoryStatus::success && at <= attribute->valueCount; ++at) {
-    ReleasedValueEntry value;
-    status = dsGetAttributeValue(node, &buffer, at, values.get(), value.place());
-    if (status == directoryStatus::success) status = visitor.value(*value);
-  }
-  return status;
-}
-
 }  // namespace
 
 DirectoryDataList* makeList(std::span<const std::string> names) {
@@ -50,16 +35,6 @@ DirectoryStatus walkSearch(DirectoryHandle node, std::uint32_t asked, const Sear
     // 0 would ask for all.
     if (asked != 0) remaining = remaining > count ? remaining - count : 1;
   }
-}
-
-DirectoryStatus readRecord(DirectoryHandle node, const DirectoryDataBuffer& buffer, std::uint32_t index,
-                           RecordVisitor& visitor) {
-  ReleasedAttributes attributes;
-  ReleasedRecordEntry record;
-  DirectoryStatus status = dsGetRecordEntry(node, &buffer, index, attributes.place(), record.place());
-  for (std::uint32_t at = 1; status == directoryStatus::success && at <= record->attributeCount; ++at)
-    status = readAttribute(node, buffer, attributes.get(), at, visitor);
-  return status;
 }
 
 }  // namespace ostrel::detail

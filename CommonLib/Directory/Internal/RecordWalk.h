@@ -1,4 +1,4 @@
-// Walking over what a search answers, in pieces, record by record and value by value.
+// Walking over what a search answers, in pieces.
 #pragma once
 
 #include <cstdint>
@@ -23,17 +23,5 @@ using PieceReader = std::function<DirectoryStatus(const DirectoryDataBuffer& buf
 /// Asks for `asked` records (0: all), piece by piece, and behind them for one more, so that `read` learns whether there
 /// are more. The first failure ends it.
 DirectoryStatus walkSearch(DirectoryHandle node, std::uint32_t asked, const SearchStep& step, const PieceReader& read);
-
-/// What a record is told to.
-class RecordVisitor {
- public:
-  virtual ~RecordVisitor() = default;
-  /// The name lives until the next attribute.
-  virtual DirectoryStatus beginAttribute(std::string_view name, std::uint32_t valueCount) = 0;
-  virtual DirectoryStatus value(const DirectoryAttributeValueEntry& entry) = 0;
-};
-/// Reads the record at `index` (from 1) in a buffer. The first failure ends it.
-DirectoryStatus readRecord(DirectoryHandle node, const DirectoryDataBuffer& buffer, std::uint32_t index,
-                           RecordVisitor& visitor);
 
 }  // namespace ostrel::detail
