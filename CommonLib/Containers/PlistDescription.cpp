@@ -10,6 +10,7 @@
 #include "Containers/Format.h"
 #include "Containers/PlistValue.h"
 #include "Containers/PropertyList.h"
+#include "Containers/Utf8.h"
 
 namespace ostrel {
 namespace {
@@ -25,30 +26,17 @@ bool isBareCharacter(char c) {
          c == '/' || c == '$';
 }
 
-void appendEscaped(std::string& out, char c) {
-  switch (c) {
-    case '"':
-      out += "\\\"";
-      break;
-    case '\\':
-      out += "\\\\";
-      break;
+/// A log line must stay one line, whatever a client put into a string.
+std::string escapeControl(char byte) {
+  switch (byte) {
     case '\n':
-      out += "\\n";
-      break;
+      return "\\n";
     case '\r':
-      out += "\\r";
-      break;
+      return "\\r";
     case '\t':
-      out += "\\t";
-      break;
+      return "\\t";
     default:
-      // A log line must stay one line, whatever a client put into a string.
-      if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
-        out += format("\\%03o", static_cast<unsigned char>(c));
-      } else {
-        out += c;
-      }
+      return format("\\%03o", static_cast<unsigned char>(byte));
   }
 }
 
@@ -59,7 +47,14 @@ void appendMemberString(std::string& out, std::string_view text) {
     return;
   }
   out += '"';
-  for (const char c : text) appendEscaped(out, c);
+  while (!text.empty()) {
+    const std::size_t plain = std::min(text.find_first_of("\"\\"), text.size());
+    appendEscapingControls(out, text.substr(0, plain), escapeControl);
+    text.remove_prefix(plain);
+    if (text.empty()) break;
+    out.append({'\\', text.front()});
+    text.remove_prefix(1);
+  }
   out += '"';
 }
 

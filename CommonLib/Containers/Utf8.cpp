@@ -1,5 +1,6 @@
 #include "Containers/Utf8.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -61,6 +62,26 @@ std::size_t validUtf8Prefix(std::string_view bytes) noexcept {
     at += length;
   }
   return at;
+}
+
+namespace {
+
+/// Number of bytes of the control character that a text begins with, 0 for another one.
+std::size_t controlLength(std::string_view text) noexcept {
+  const auto byte = [text](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+  if (byte(0) < 0x20 || byte(0) == 0x7F) return 1;
+  return byte(0) == 0xC2 && text.size() > 1 && byte(1) >= 0x80 && byte(1) <= 0x9F ? 2 : 0;
+}
+
+}  // namespace
+
+void appendEscapingControls(std::string& out, std::string_view text, std::string (*escape)(char byte)) {
+  while (!text.empty()) {
+    const std::size_t control = controlLength(text);
+    for (const char byte : text.substr(0, control)) out += escape(byte);
+    if (control == 0) out += text.front();
+    text.remove_prefix(std::max<std::size_t>(control, 1));
+  }
 }
 
 void appendUtf8(std::string& text, char32_t character) {

@@ -22,6 +22,10 @@ OSTREL_EXPORT std::size_t decodeCharacter(std::string_view bytes, std::uint32_t&
 
 inline bool isValidUtf8(std::string_view bytes) noexcept { return validUtf8Prefix(bytes) == bytes.size(); }
 
+/// Appends `text`; of its control characters, which end lines and steer terminals (U+0000 to U+001F, U+007F to U+009F),
+/// what `escape` makes of each of their bytes.
+OSTREL_EXPORT void appendEscapingControls(std::string& out, std::string_view text, std::string (*escape)(char byte));
+
 /// Appends one character. Requires: a Unicode scalar value (not a surrogate, at most U+10FFFF).
 OSTREL_EXPORT void appendUtf8(std::string& text, char32_t character);
 

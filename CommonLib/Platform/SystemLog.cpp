@@ -4,18 +4,14 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "Containers/Utf8.h"
+
 namespace ostrel {
 namespace {
 
-void appendEscaped(std::string& out, std::string_view text) {
-  for (const char c : text) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
-      out += c == '\n' ? "\\n" : format("\\%03o", static_cast<unsigned char>(c));
-    } else {
-      out += c;
-    }
-  }
-}
+std::string escape(char byte) { return byte == '\n' ? "\\n" : format("\\%03o", static_cast<unsigned char>(byte)); }
+
+void appendEscaped(std::string& out, std::string_view text) { appendEscapingControls(out, text, escape); }
 
 int withFacility(int priority) { return (priority & LOG_FACMASK) == 0 ? priority | LOG_USER : priority; }
 

@@ -185,7 +185,8 @@ TEST(PlistValue, DescribesEqualTreesAlikeAndKeepsLogLinesWhole) {
   EXPECT_EQ(PlistValue(-1e20).description(), "-1e+20");
   EXPECT_EQ(PlistValue(UINT64_MAX).description(), "18446744073709551615");
   EXPECT_EQ(PlistValue(INT64_MIN).description(), "-9223372036854775808");
-  EXPECT_EQ(PlistValue::arrayOf({"a\nb\x01"}).description(), "(\n    \"a\\nb\\001\"\n)");
+  EXPECT_EQ(PlistValue::arrayOf({"a\n\"b\\\x01\u009b\u00e9\xC2"}).description(),
+            "(\n    \"a\\n\\\"b\\\\\\001\\302\\233\u00e9\xC2\"\n)");
 }
 
 TEST(PlistValue, CountsSharesAcrossThreads) {

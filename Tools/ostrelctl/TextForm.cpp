@@ -8,17 +8,16 @@
 #include "Containers/Base64.h"
 #include "Containers/CalendarDate.h"
 #include "Containers/Format.h"
+#include "Containers/Utf8.h"
 
 namespace ostrel {
 namespace {
 
 std::string shown(std::string_view text) {
   std::string out;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    const bool steers = (byte < 0x20 && c != '\n' && c != '\t') || byte == 0x7F;
-    out += steers ? format("\\x%02X", byte) : std::string(1, c);
-  }
+  appendEscapingControls(out, text, [](char byte) {
+    return byte == '\n' || byte == '\t' ? std::string(1, byte) : format("\\x%02X", static_cast<unsigned char>(byte));
+  });
   return out;
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Containers/Format.h"
+#include "Containers/Utf8.h"
 #include "Platform/FileDescriptor.h"
 
 namespace ostrel {
@@ -15,16 +16,9 @@ constexpr int leastPriorityShown = LOG_INFO;
 
 void show(int priority, std::string_view line) {
   if (LOG_PRI(priority) > leastPriorityShown) return;
+  // Nothing that a stranger wrote may steer the terminal or begin a line of its own.
   std::string shown;
-  for (const char c : line) {
-    // Nothing that a stranger wrote may steer the terminal or begin a line of its own.
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7F) {
-      shown += format("\\x%02X", byte);
-    } else {
-      shown += c;
-    }
-  }
+  appendEscapingControls(shown, line, [](char byte) { return format("\\x%02X", static_cast<unsigned char>(byte)); });
   writeFully(STDERR_FILENO, shown + '\n');  // in one call, so that lines of several threads stay whole
 }
 
