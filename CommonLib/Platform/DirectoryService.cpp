@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <unordered_set>
 
 #include "Platform/Internal/Directory/Entries.h"
 #include "Platform/Internal/Directory/OpenHandles.h"
@@ -66,13 +67,14 @@ DirectoryStatus authenticate(DirectoryNode& node, const DirectoryDataNode* metho
   return node.authenticate(credentials->user, credentials->password, identity);
 }
 
-void closeChildrenOfNode(DirectoryHandle node) {
+// All at once: the tables are gone through as a whole.
+void closeChildrenOfNodes(const std::unordered_set<DirectoryHandle>& nodes) {
   OpenHandles& handles = OpenHandles::current();
   // What the handles stood for ends here, outside the tables' locks.
-  const auto ofNode = [node](const auto& open) { return open->node == node; };
+  const auto ofNode = [&nodes](const auto& open) { return nodes.contains(open->node); };
   handles.records.takeIf(ofNode);
   handles.searches.takeIf(ofNode);
-  const auto listOfNode = [node](const detail::OpenList& list) { return list.node == node; };
+  const auto listOfNode = [&nodes](const detail::OpenList& list) { return nodes.contains(list.node); };
   handles.attributeLists.takeIf(listOfNode);
   handles.valueLists.takeIf(listOfNode);
 }
@@ -166,7 +168,9 @@ DirectoryStatus dsCloseDirService(DirectoryHandle session) noexcept {
     OpenHandles& handles = OpenHandles::current();
     if (!handles.sessions.take(session)) return directoryStatus::invalidHandle;
     const auto nodes = handles.nodes.takeIf([session](const auto& node) { return node->session() == session; });
-    for (const auto& [handle, node] : nodes) closeChildrenOfNode(handle);
+    std::unordered_set<DirectoryHandle> closed;
+    for (const auto& [handle, node] : nodes) closed.insert(handle);
+    closeChildrenOfNodes(closed);
     return directoryStatus::success;
   });
 }
@@ -217,7 +221,7 @@ DirectoryStatus dsOpenDirNode(DirectoryHandle session, const DirectoryDataList* 
 DirectoryStatus dsCloseDirNode(DirectoryHandle node) noexcept {
   return answered([&]() -> DirectoryStatus {
     if (!OpenHandles::current().nodes.take(node)) return directoryStatus::invalidHandle;
-    closeChildrenOfNode(node);
+    closeChildrenOfNodes({node});
     return directoryStatus::success;
   });
 }

@@ -217,4 +217,45 @@ TEST_F(SessionsAndNodes, GoOnWhereANodeFails) {
       << "whatever an open fails with, making the record is tried";
 }
 
+// With the tables all but full, a handle that a helper leaves open is one that the next call cannot have.
+TEST_F(SessionsAndNodes, LeaveNoHandleOpen) {
+  configure({{"/T/empty", facts(readOnlyAttribute, "<string></string>")}, {"/T/silent", facts("other", "")}});
+  constexpr int spare = 3;
+  constexpr int most = 65'535;
+  const auto local = dataList({"Local"});
+  const auto asked = dataList({readOnlyAttribute});
+  const auto buffer = dataBuffer(4096);
+  DirectoryHandle nodes[2] = {};
+  ASSERT_EQ(DSOpenNodeByPath(session, "/T/empty", &nodes[0]), 0);
+  ASSERT_EQ(DSOpenNodeByPath(session, "/T/silent", &nodes[1]), 0);
+  DirectoryHandle node = 0;
+  for (int at = 2; at < most - spare; ++at) ASSERT_EQ(dsOpenDirNode(session, local.get(), &node), 0) << at;
+  for (int at = 0; at < most - spare; ++at) {
+    std::uint32_t count = 0;
+    DirectoryHandle attributes = 0;
+    DirectoryHandle values = 0;
+    DirectoryAttributeEntry* entry = nullptr;
+    ASSERT_EQ(dsGetDirNodeInfo(node, asked.get(), buffer.get(), &count, &attributes, nullptr), 0) << at;
+    ASSERT_EQ(dsGetAttributeEntry(node, buffer.get(), attributes, 1, &values, &entry), 0) << at;
+    dsDeallocAttributeEntry(entry);
+  }
+  for (int round = 0; round <= spare; ++round) {
+    std::string path;
+    char* first = nullptr;
+    long number = 0;
+    for (const std::uint32_t type : {directoryNodeType::local, directoryNodeType::search})
+      EXPECT_EQ(openByType(type, path), 0);
+    EXPECT_EQ(openByType(directoryNodeType::locallyHosted, path), 0);
+    EXPECT_EQ(DSGetNodeLevelInSearchList(session, "/Local", &number, nullptr), 0);
+    EXPECT_EQ(DSGetNodeLevelInSearchList(session, "/None", &number, nullptr), directoryStatus::nodeNotFound);
+    EXPECT_EQ(DSGetNodeLevelInSearchList(session, "/None", &number, &first), 0);
+    DSDeallocPointer(&first);
+    EXPECT_EQ(DSIsNodeWritable(session, node, &number), 0);
+    EXPECT_EQ(DSIsNodeWritable(session, nodes[0], &number), directoryStatus::emptyValue);
+    EXPECT_EQ(DSIsNodeWritable(session, nodes[1], &number), directoryStatus::noSuchAttribute);
+    EXPECT_EQ(DSGetNodeInfo("/Local", nullptr).get("status"), PlistValue(0));
+    EXPECT_EQ(DSGetNodeInfo("/None", nullptr).get("status"), PlistValue(directoryStatus::nodeNotFound));
+  }
+}
+
 }  // namespace
