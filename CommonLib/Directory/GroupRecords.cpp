@@ -167,7 +167,8 @@ class GroupWriter {
 
 DirectoryStatus DSGetGroupRecordInfo(const PlistValue& nodePath, const PlistValue& groupName, PlistValue& group) {
   const auto name = utf8Text(groupName);
-  const PlistValue path = nodePath;  // `group` may be the same object
+  // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): `group` may be the same object
+  const PlistValue path = nodePath;
   group = PlistValue::mutableDictionary();
   OpenedNode opened;
   DirectoryStatus status = opened.open(path, directoryNodeType::local);

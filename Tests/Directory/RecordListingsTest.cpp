@@ -208,6 +208,27 @@ TEST_P(RecordListings, CountAcrossPieces) {
   EXPECT_EQ(names, nullptr);
 }
 
+// Records share keys by their place; those with other and with many attributes must get their own all the same.
+TEST_P(RecordListings, KeepAttributesApartWhereRecordsDiffer) {
+  if (testNode->path() != "/Local") GTEST_SKIP() << "other nodes hold known attributes only";
+  std::vector<SeedRecord> users;
+  for (int number = 0; number < 40; ++number) {
+    users.push_back({usersType, "u" + std::to_string(number), {}});
+    for (int at = number % 7; at < number; ++at)
+      users.back().attributes.push_back({"dsAttrTypeNative:a" + std::to_string(at), {std::to_string(at), "x"}});
+  }
+  add(users);
+  const PlistValue records =
+      DSGetListOfRecords(testNode->path(), {}, texts({"dsAttributesAll"}), {}, {}, {}).get("recordsArray");
+  ASSERT_EQ(records.count(), 40U);
+  for (int number = 0; number < 40; ++number) {
+    const PlistValue record = records.at(static_cast<std::size_t>(number));
+    EXPECT_EQ(record.count(), static_cast<std::size_t>(1 + number - number % 7)) << number;
+    for (int at = number % 7; at < number; ++at)
+      EXPECT_EQ(record.get("dsAttrTypeNative:a" + std::to_string(at)), texts({std::to_string(at).c_str(), "x"}));
+  }
+}
+
 TEST_P(RecordListings, FillPlainRecords) {
   SeedRecord ada = user("ada", 1001, 20, "Ada");
   ada.attributes.push_back({nameAttribute, {"countess"}});
