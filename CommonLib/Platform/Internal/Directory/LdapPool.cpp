@@ -24,9 +24,10 @@ std::vector<std::size_t> LdapServers::order() {
     if (states_[at].restsUntil <= now) order.push_back(at);
   const auto preferred = std::ranges::find(order, preferred_);
   if (preferred != order.end()) std::rotate(order.begin(), preferred, preferred + 1);
-  std::ranges::stable_partition(order, [&](std::size_t at) OSTREL_NO_THREAD_SAFETY_ANALYSIS {  // locked above
+  const auto isWell = [&](std::size_t at) OSTREL_NO_THREAD_SAFETY_ANALYSIS {  // locked above
     return states_[at].lastUntil <= now;
-  });
+  };
+  std::stable_partition(order.begin(), order.end(), isWell);  // clang 14 knows no subranges of libstdc++
   return order;
 }
 
