@@ -64,20 +64,18 @@ class KpPortmapList {
     if (const int status = readBytes(path_, bytes_); status != 0) return status;
     root_ = bytes_ ? readPropertyList(*bytes_, PlistForm::mutableContainers) : PlistValue::mutableDictionary();
     const PlistValue mappings = root_.get(mappingsKey);
-    return root_.isDictionary() && (mappings.isNull() || mappings.isArray()) ? 0 : EBADMSG;
+    if (!root_.isDictionary() || !(mappings.isNull() || mappings.isArray())) return EBADMSG;
+    for (const PlistValue& entry : mappings.elements()) checked_.push_back(detail::mappingOf(entry));
+    return 0;
   }
 
   int add(const PortMapping& added) {
-    PlistValue mappings = root_.get(mappingsKey);
-    for (const PlistValue& entry : mappings.elements()) {
-      const auto present = detail::mappingOf(entry);
+    for (const auto& present : checked_) {
       if (const int status = present ? detail::conflictOf(*present, added) : 0; status != 0) return status;
     }
-    if (mappings.isNull()) {
-      mappings = PlistValue::mutableArray();
-      root_.set(mappingsKey, mappings);
-    }
-    mappings.append(entryOf(added));
+    if (!root_.contains(mappingsKey)) root_.set(mappingsKey, PlistValue::mutableArray());
+    root_.get(mappingsKey).append(entryOf(added));
+    checked_.emplace_back(added);
     isDirty_ = true;
     return 0;
   }
@@ -85,10 +83,10 @@ class KpPortmapList {
   int remove(const PortMapping& removed) {
     PlistValue mappings = root_.get(mappingsKey);
     bool found = false;
-    for (std::size_t at = mappings.count(); at-- > 0;) {
-      const auto present = detail::mappingOf(mappings.at(at));
-      if (!present || !detail::isSameTarget(*present, removed)) continue;
+    for (std::size_t at = checked_.size(); at-- > 0;) {
+      if (!checked_[at] || !detail::isSameTarget(*checked_[at], removed)) continue;
       mappings.removeAt(at);
+      checked_.erase(checked_.begin() + static_cast<std::ptrdiff_t>(at));
       found = isDirty_ = true;
     }
     return found ? 0 : ENOENT;
@@ -114,11 +112,10 @@ class KpPortmapList {
 
   std::vector<PortMapping> mappings(std::size_t& unknown) const {
     std::vector<PortMapping> known;
-    const PlistValue entries = root_.get(mappingsKey);
-    for (const PlistValue& entry : entries.elements()) {
-      if (auto mapping = detail::mappingOf(entry)) known.push_back(std::move(*mapping));
+    for (const auto& mapping : checked_) {
+      if (mapping) known.push_back(*mapping);
     }
-    unknown = entries.count() - known.size();
+    unknown = checked_.size() - known.size();
     return known;
   }
 
@@ -127,6 +124,7 @@ class KpPortmapList {
   FileDescriptor lock_;               // none: for reading only
   std::optional<std::string> bytes_;  // of the file as it was read or written last
   PlistValue root_;
+  std::vector<std::optional<PortMapping>> checked_;  // for each element of the list; none: it is no mapping
   bool isDirty_ = false;
 };
 

@@ -75,6 +75,7 @@ TEST_F(PortsCommand, SaysWhatIsWrong) {
       {{}, 2, "subcommand is required"},
       {{"add"}, 2, "PORT is required"},
       {{"add", "65536"}, 2, "65536"},
+      {{"add", "80", "--to", ""}, 2, "is empty"},
       {{"add", "80", "--protocol", "icmp"}, 1, "neither tcp nor udp"},
       {{"add", "80", "--to", "www.example.org"}, 1, "no numeric"},
       {{"add", "80", "--to", "224.0.0.1"}, 1, "none by which a host can be reached"},

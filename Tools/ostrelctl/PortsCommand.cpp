@@ -39,6 +39,9 @@ enum PortsStatus { notPossible = replyHoldsError, listFault = noReply };
 
 int failWith(PortsStatus status, const std::string& reason) { return fail(static_cast<ExitStatus>(status), reason); }
 
+// An empty text is a variable that was not set: it must not mean any.
+std::string isGiven(const std::string& text) { return text.empty() ? "is empty" : ""; }
+
 std::string capitals(std::string text) {
   std::ranges::transform(text, text.begin(), [](char c) { return c >= 'a' && c <= 'z' ? char(c - 'a' + 'A') : c; });
   return text;
@@ -126,14 +129,17 @@ class PortsCommand final : public Subcommand {
     CLI::App* const remove = declareOne(app, "remove", "Remove a mapping");
     for (CLI::App* const verb : {add, remove}) {
       verb->add_option("PORT", externalPort_, "Port on the external side")->required()->check(CLI::Range(1, 65535));
-      verb->add_option("--protocol", protocol_, "tcp or udp; both by default");
-      verb->add_option("--to", localAddress_, "Internal address; this machine by default")->type_name("ADDRESS");
+      verb->add_option("--protocol", protocol_, "tcp or udp; both by default")->check(isGiven);
+      verb->add_option("--to", localAddress_, "Internal address; this machine by default")
+          ->type_name("ADDRESS")
+          ->check(isGiven);
       verb->add_option("--to-port", localPort_, "Port on the internal side; PORT by default")
           ->check(CLI::Range(1, 65535));
       verb->add_flag("--dry-run", dryRun_, "Print what would change, save nothing");
     }
     add->add_option("--external", externalAddress_, "External address; every one of this machine by default")
-        ->type_name("ADDRESS");
+        ->type_name("ADDRESS")
+        ->check(isGiven);
     add->add_option("--description", description_, "What it is for");
   }
 

@@ -91,7 +91,7 @@ class NetworkChanges::Shared {
   /// this thread to it.
   PlistValue lookUp() {
     if (!mayBegin(Activity::lookingUp)) return {};
-    const PlistValue state = networkState(true);
+    PlistValue state = networkState(true);
     end(Activity::waiting);
     return state;
   }
