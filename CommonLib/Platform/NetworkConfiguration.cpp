@@ -41,19 +41,29 @@ bool askFor(int socket, std::uint16_t type, Body body) {
   return detail::retried([&] { return ::send(socket, &request, sizeof request, 0); }) == sizeof request;
 }
 
-// Gathers what the kernel answers to a request; what came before a failure is kept.
+// What the kernel answers to one request. Absent when it fails: a part could name the wrong route as the best.
 template <class Scan, class Body>
-Scan dumpOf(std::uint16_t type, Body body, void (*take)(std::string_view, Scan&)) {
+std::optional<Scan> askedOnce(std::uint16_t type, Body body, void (*take)(std::string_view, Scan&)) {
   Scan scan;
   const FileDescriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-  if (!socket || !askFor(socket.get(), type, body)) return scan;
+  if (!socket || !askFor(socket.get(), type, body)) return std::nullopt;
   std::vector<char> datagram(64U << 10U);  // twice the most that the kernel puts into one
   while (!scan.ended) {
     const ssize_t size = detail::retried([&] { return ::recv(socket.get(), datagram.data(), datagram.size(), 0); });
-    if (size <= 0) break;
+    if (size <= 0) return std::nullopt;
     take({datagram.data(), static_cast<std::size_t>(size)}, scan);
   }
   return scan;
+}
+
+// Asks again while the network changes under the answer, but not for ever.
+template <class Scan, class Body>
+Scan dumpOf(std::uint16_t type, Body body, void (*take)(std::string_view, Scan&)) {
+  constexpr int mostAttempts = 5;
+  std::optional<Scan> scan;
+  for (int attempt = 0; attempt < mostAttempts && (!scan || scan->interrupted); ++attempt)
+    scan = askedOnce<Scan>(type, body, take);
+  return scan.value_or(Scan());
 }
 
 std::vector<detail::DefaultRoute> defaultRoutes(unsigned char family) {

@@ -120,30 +120,30 @@ void takeAddress(std::string_view message, AddressScan& scan) {
   scan.addresses.push_back(assigned);
 }
 
-// Calls `visit(type, message)` for each message until it answers false; false when the bytes do not form messages.
+// Calls `visit(header, message)` for each message until it answers false; false when the bytes do not form messages.
 template <class Visit>
 bool forEachMessage(std::string_view datagram, Visit visit) {
   nlmsghdr header{};
   while (!datagram.empty()) {
     if (!readHeader(datagram, header) || header.nlmsg_len < sizeof header || header.nlmsg_len > datagram.size())
       return false;
-    if (!visit(header.nlmsg_type, datagram.substr(NLMSG_HDRLEN, header.nlmsg_len - NLMSG_HDRLEN))) return true;
+    if (!visit(header, datagram.substr(NLMSG_HDRLEN, header.nlmsg_len - NLMSG_HDRLEN))) return true;
     const std::size_t step = NLMSG_ALIGN(header.nlmsg_len);
     datagram.remove_prefix(step < datagram.size() ? step : datagram.size());
   }
   return true;
 }
 
-// Calls `take(message)` for each message of that type; true when the dump has ended, by its last message or a fault.
+// Calls `take(message)` for each message of that type. A dump ends by its last message or a fault.
 template <class Take>
-bool readDump(std::string_view datagram, unsigned short wanted, Take take) {
-  bool ended = false;
-  const bool areMessages = forEachMessage(datagram, [&](unsigned short type, std::string_view message) {
-    ended = type == NLMSG_DONE || type == NLMSG_ERROR;
-    if (type == wanted) take(message);
-    return !ended;
+void readDump(std::string_view datagram, unsigned short wanted, DumpProgress& progress, Take take) {
+  const bool areMessages = forEachMessage(datagram, [&](const nlmsghdr& header, std::string_view message) {
+    if ((header.nlmsg_flags & NLM_F_DUMP_INTR) != 0) progress.interrupted = true;
+    progress.ended = header.nlmsg_type == NLMSG_DONE || header.nlmsg_type == NLMSG_ERROR;
+    if (header.nlmsg_type == wanted) take(message);
+    return !progress.ended;
   });
-  return ended || !areMessages;
+  if (!areMessages) progress.ended = true;
 }
 
 // Whether it leads everywhere by the main table, up or not.
@@ -176,17 +176,17 @@ bool isNews(unsigned short type, std::string_view message) {
 }  // namespace
 
 void scanRouteMessages(std::string_view datagram, DefaultRouteScan& scan) {
-  scan.ended = readDump(datagram, RTM_NEWROUTE, [&scan](std::string_view message) { takeRoute(message, scan); });
+  readDump(datagram, RTM_NEWROUTE, scan, [&scan](std::string_view message) { takeRoute(message, scan); });
 }
 
 void scanAddressMessages(std::string_view datagram, AddressScan& scan) {
-  scan.ended = readDump(datagram, RTM_NEWADDR, [&scan](std::string_view message) { takeAddress(message, scan); });
+  readDump(datagram, RTM_NEWADDR, scan, [&scan](std::string_view message) { takeAddress(message, scan); });
 }
 
 bool holdsNetworkNews(std::string_view datagram) {
   bool found = false;
-  const bool areMessages = forEachMessage(datagram, [&found](unsigned short type, std::string_view message) {
-    found = isNews(type, message);
+  const bool areMessages = forEachMessage(datagram, [&found](const nlmsghdr& header, std::string_view message) {
+    found = isNews(header.nlmsg_type, message);
     return !found;
   });
   return found || !areMessages;

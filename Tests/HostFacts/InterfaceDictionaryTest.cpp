@@ -127,6 +127,7 @@ TEST(InterfaceDictionary, FollowsTheKernel) {
                                                      "ipv4SubnetMasks", "hasIPV4"));
 
     testing::ip("link set oneEnd down");
+    testing::awaitLink("one", false);
     found = NIGetInterfaceDictionary();
     EXPECT_TRUE(found.get("one").get("hasIPV4").boolValue());
     EXPECT_FALSE(found.get("one").contains("isActive")) << "its cable is out";

@@ -180,6 +180,7 @@ TEST(InterfaceInfo, DescribesANetworkAsItChanges) {
     EXPECT_THAT(column(found, "userDefinedName"), ElementsAre("-", "-", "Office wire"));
 
     testing::ip("link set one down");
+    testing::awaitLink("one", false);
     found = get_interfaces_info(false);
     EXPECT_THAT(column(found, "ipAddress"), ElementsAre("192.0.2.1", "198.51.100.1")) << "IPv6 goes, IPv4 stays";
     EXPECT_THAT(column(found, "isPrimaryIPv4Interface"), ElementsAre("-", "1")) << "its route went with the wire";

@@ -91,6 +91,15 @@ TEST(RouteMessages, ADumpMayComeInSeveralDatagrams) {
   scanRouteMessages(route({}, number(RTA_OIF, 3) + number(RTA_PRIORITY, 8)) + message(NLMSG_DONE, ""), scan);
   EXPECT_TRUE(scan.ended);
   EXPECT_EQ(bestRoute(scan.routes)->interfaceIndex, 2U);
+  EXPECT_FALSE(scan.interrupted);
+
+  std::string changed = route({}, number(RTA_OIF, 2));
+  const auto flags = static_cast<std::uint16_t>(NLM_F_MULTI | NLM_F_DUMP_INTR);
+  changed.replace(offsetof(nlmsghdr, nlmsg_flags), sizeof flags, bytesOf(flags));
+  DefaultRouteScan again;
+  scanRouteMessages(changed + route({}, number(RTA_OIF, 3)), again);
+  EXPECT_TRUE(again.interrupted);
+  EXPECT_EQ(again.routes.size(), 2U);
 }
 
 TEST(RouteMessages, AddressesOfBothKindsOfLinks) {

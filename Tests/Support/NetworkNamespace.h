@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -19,6 +20,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 namespace ostrel::testing {
 
@@ -33,6 +35,21 @@ inline void ip(const std::string& words) {
   if (std::system(command.c_str()) != 0) throw std::runtime_error("failed: ip " + words);
 }
 
+/// Waits until the kernel says that the interface has its link, or has none: it takes its time to notice. Throws when
+/// it does not come to that.
+inline void awaitLink(const std::string& interface, bool up) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  const auto isUp = [&interface] {
+    std::string state;
+    std::ifstream("/sys/class/net/" + interface + "/operstate") >> state;
+    return state == "up";
+  };
+  while (isUp() != up) {
+    if (std::chrono::steady_clock::now() >= end) throw std::runtime_error("the link of " + interface + " stays");
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
 /// Two Ethernet interfaces joined by a wire, both up, with link-layer addresses of the test's choice ("" for any).
 inline void addWire(const std::string& one, const std::string& other, const std::string& address = "",
                     const std::string& otherAddress = "") {
@@ -42,8 +59,8 @@ inline void addWire(const std::string& one, const std::string& other, const std:
   } catch (const std::runtime_error& failure) {
     throw NotPossibleHere(std::string("this kernel makes no veth pair: ") + failure.what());
   }
-  ip("link set " + one + " up");
-  ip("link set " + other + " up");
+  for (const std::string& end : {one, other}) ip("link set " + end + " up");
+  for (const std::string& end : {one, other}) awaitLink(end, true);
 }
 
 namespace detail {

@@ -18,10 +18,15 @@ struct DefaultRoute {
   std::string router;  ///< numeric address; "" where the route has none
 };
 
+/// How far one dump has been read.
+struct DumpProgress {
+  bool ended = false;        ///< the dump's last message, or an error, was seen
+  bool interrupted = false;  ///< what is told changed meanwhile: it may be told in part or twice
+};
+
 /// Gathers the default routes of one dump of routes.
-struct DefaultRouteScan {
+struct DefaultRouteScan : DumpProgress {
   std::vector<DefaultRoute> routes;  ///< in the dump's order
-  bool ended = false;                ///< the dump's last message, or an error, was seen
 };
 
 /// Takes the messages of one datagram. A default route is a unicast one of prefix length 0 in the main table; it counts
@@ -41,9 +46,8 @@ struct AssignedAddress {
 };
 
 /// Gathers the IPv4 addresses of one dump of addresses.
-struct AddressScan {
+struct AddressScan : DumpProgress {
   std::vector<AssignedAddress> addresses;  ///< in the dump's order
-  bool ended = false;
 };
 
 /// Takes the messages of one datagram, as `scanRouteMessages` does. On a point-to-point link the address is the local
