@@ -2,6 +2,7 @@
 #include <limits>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "Directory/DirectorySessions.h"
@@ -52,7 +53,10 @@ DirectoryStatus appendNodes(DirectoryHandle session, const ReleasedBuffer& buffe
 struct Component {
   std::string folded;
   std::string text;
-  friend auto operator<=>(const Component&, const Component&) = default;
+  friend bool operator==(const Component&, const Component&) = default;
+  friend bool operator<(const Component& left, const Component& right) {
+    return std::tie(left.folded, left.text) < std::tie(right.folded, right.text);
+  }
 };
 
 // The components at a level, each once, sorted ignoring case. The matrix may have been to a client and back.
