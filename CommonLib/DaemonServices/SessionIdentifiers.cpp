@@ -58,23 +58,6 @@ std::optional<std::string> proxiedSessionPath(const PlistValue& identifier, cons
   return hostPath(proxiedSessionsFolder) + *name;
 }
 
-bool isLetterOrDigit(char byte) {
-  return (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') || (byte >= '0' && byte <= '9');
-}
-
-/// 32 letters and digits from the random device, or nothing when it cannot be read.
-std::optional<std::string> randomToken() {
-  const FileDescriptor device = RandomDevice::current().open();
-  if (!device) return std::nullopt;
-  std::string token;
-  while (token.size() < tokenLength) {
-    char byte = 0;
-    if (readSome(device.get(), &byte, 1) != 1) return std::nullopt;
-    if (isLetterOrDigit(byte)) token += byte;
-  }
-  return token;
-}
-
 /// When the file system that holds `path` was modified. The attributes of a file system (its size, free space and ids)
 /// tell no such date, and it is the file system that is asked here, not the file.
 std::optional<PlistDate> modificationDateOfFileSystem(const std::string& /*path*/) { return std::nullopt; }
@@ -137,7 +120,7 @@ PlistValue textOfFile(const std::string& path, FinalLink link) {
 }  // namespace
 
 PlistValue generate_unprivileged_session_id(const PlistValue& extension) {
-  const auto token = randomToken();
+  const auto token = randomLettersAndDigits(tokenLength);
   if (!token) return {};
   const PlistValue identifier(format("%@@%s", "nobody", *token));
   const auto name = sessionFileName(identifier, extension);

@@ -2,6 +2,9 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
+#include <optional>
+#include <string>
 
 #include "Containers/Export.h"
 #include "Platform/FileDescriptor.h"
@@ -23,5 +26,8 @@ class OSTREL_EXPORT RandomDevice {
   friend class ScopedOverride<RandomDevice>;
   static std::atomic<RandomDevice*>& slot();
 };
+
+/// So many letters and digits of ASCII from the random device, each equally likely. Absent when it cannot be read.
+OSTREL_EXPORT std::optional<std::string> randomLettersAndDigits(std::size_t count);
 
 }  // namespace ostrel

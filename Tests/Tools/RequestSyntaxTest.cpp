@@ -6,7 +6,6 @@
 #include "ClientSession/OstrelDaemonSession.h"
 #include "Support/Fakes.h"
 #include "ostreld/AuditLine.h"
-#include "ostreld/Authenticator.h"
 #include "ostreld/ConnectionTable.h"
 
 namespace ostrel {
@@ -128,16 +127,6 @@ TEST(AuditLine, CannotBeForgedOrBlownUp) {
                 "...\" outcome=\"error \\xE2\\x82\\xAC\\x1B[2J\" "
                 "ms=1.500");
   EXPECT_EQ(auditLine({}), "audit user=\"-\" from=\"-\" module=\"-\" command=\"-\" outcome=\"-\" ms=0.000");
-}
-
-TEST(Authenticator, LetsInWhoHoldsAnIdentifierAndNobodyElse) {
-  const Authenticator authenticator({"alice@0123456789", "carol@x@y"});
-  EXPECT_EQ(authenticator.authenticate("alice@0123456789", "").value().user, "alice");
-  EXPECT_EQ(authenticator.authenticate("carol@x@y", "").value().user, "carol");
-  for (const char* refused : {"", "alice", "alice@", "alice@012345678", "alice@01234567890", "bob@0123456789", "@"}) {
-    EXPECT_FALSE(authenticator.authenticate(refused, "Basic YWxpY2U6c2VjcmV0")) << refused;
-  }
-  EXPECT_FALSE(Authenticator({}).authenticate("", ""));
 }
 
 TEST(ConnectionTable, CountsPeersByAddressAndBySixtyFourBitNetwork) {

@@ -9,6 +9,7 @@ inline constexpr const char* name = "ostreld";
 
 inline constexpr const char* getStatus = "getStatus";
 inline constexpr const char* batch = "batch";
+inline constexpr const char* logout = "logout";
 
 inline PlistValue request(const char* command) { return PlistValue::dictionaryOf({{"command", command}}); }
 

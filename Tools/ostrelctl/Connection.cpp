@@ -1,19 +1,17 @@
 #include "ostrelctl/Connection.h"
 
-#include <fcntl.h>
-#include <termios.h>
+#include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <optional>
-#include <string_view>
 #include <utility>
 
 #include "Containers/Format.h"
-#include "Platform/FileDescriptor.h"
 #include "Platform/Files.h"
 #include "Platform/SocketAddress.h"
+#include "Platform/UserDatabase.h"
 #include "Shared/DaemonFiles.h"
+#include "ostrelctl/PasswordPrompt.h"
 #include "ostrelctl/RequestArguments.h"
 
 namespace ostrel {
@@ -55,55 +53,42 @@ std::string reachable(const std::string& host) {
 
 std::string firstLine(const std::string& text) { return text.substr(0, text.find_first_of("\r\n")); }
 
-std::optional<std::string> firstLineOf(const std::string& file, std::string& fault) {
-  const auto content = contentOf(file, fault);
-  if (!content) return std::nullopt;
-  return firstLine(*content);
+/// The name to present: the one that was given, or, with a password, this user's own.
+std::string userFor(const SharedOptions& options) {
+  if (!options.user.empty() || options.passwordFile.empty()) return options.user;
+  return ownUserName();
 }
 
-std::optional<std::string> askForPassword(const std::string& user, std::string& fault) {
-  const FileDescriptor terminal = openFile("/dev/tty", O_RDWR | O_NOCTTY);
-  termios before{};
-  if (!terminal || tcgetattr(terminal.get(), &before) != 0) {
-    fault = "there is no terminal to ask for the password on: use --password-file";
-    return std::nullopt;
-  }
-  termios hidden = before;
-  hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-  writeFully(terminal.get(), format("Password of %s: ", user));
-  tcsetattr(terminal.get(), TCSAFLUSH, &hidden);
-  char line[1024];
-  const ssize_t size = readSome(terminal.get(), line, sizeof line);
-  tcsetattr(terminal.get(), TCSAFLUSH, &before);
-  writeFully(terminal.get(), "\n");
-  if (size > 0) return firstLine(std::string(line, static_cast<std::size_t>(size)));
-  fault = "no password was given";
-  return std::nullopt;
-}
-
-bool addCredentials(OstrelDaemonSession& session, const SharedOptions& options, bool isLocal, std::string& fault) {
-  if (!options.user.empty()) {
-    auto password =
-        options.passwordFile.empty() ? askForPassword(options.user, fault) : firstLineOf(options.passwordFile, fault);
+bool addCredentials(DaemonConnection& connection, const SharedOptions& options, bool isLocal, std::string& fault) {
+  OstrelDaemonSession& session = *connection.session;
+  const auto present = [&](std::string identifier, Credentials kind) {
+    session._setSessionID(std::move(identifier));
+    connection.credentials = kind;
+    return true;
+  };
+  if (const std::string user = userFor(options); !user.empty()) {
+    auto password = passwordOf(user, options.passwordFile, fault);
     if (!password) return false;
-    session.setUserName(options.user);
+    session.setUserName(user);
     session.setPassword(std::move(password));
+    connection.credentials = Credentials::password;
     return true;
   }
   if (!options.sessionFile.empty()) {
-    auto identifier = firstLineOf(options.sessionFile, fault);
-    if (!identifier) return false;
-    session._setSessionID(std::move(identifier));
-    return true;
+    const auto content = contentOf(options.sessionFile, fault);
+    return content && present(firstLine(*content), Credentials::sessionFile);
   }
+  if (auto identifier = connection.saved.read()) return present(std::move(*identifier), Credentials::saved);
   // The local session is nobody else's business: it never leaves this machine.
   if (!isLocal) return true;
-  const auto identifier = readWholeFile(daemonFiles::localSession(), 1024);
-  if (identifier) {
-    session._setSessionID(firstLine(*identifier));
-  } else if (errno == EACCES) {
-    fault = format("%s belongs to another user: run ostrelctl as the user that ostreld runs as",
-                   daemonFiles::localSession());
+  if (const auto identifier = readWholeFile(daemonFiles::localSession(), 1024)) {
+    return present(firstLine(*identifier), Credentials::local);
+  }
+  if (errno == EACCES) {
+    fault = format(
+        "%s belongs to another user: run ostrelctl as the user that ostreld runs as, or sign in with "
+        "'ostrelctl login'",
+        daemonFiles::localSession());
     return false;
   }
   return true;
@@ -111,23 +96,28 @@ bool addCredentials(OstrelDaemonSession& session, const SharedOptions& options, 
 
 }  // namespace
 
-std::shared_ptr<OstrelDaemonSession> sessionFor(const SharedOptions& options, std::string& fault) {
+std::string ownUserName() {
+  const auto user = UserDatabase::current().userWithId(geteuid());
+  return user ? user->name : "";
+}
+
+std::optional<DaemonConnection> connectionFor(const SharedOptions& options, std::string& fault) {
   const Endpoint endpoint = endpointFor(options);
   const std::string host = reachable(endpoint.host);
   const bool isLocal = isThisMachine(host);
   const bool isPlain = endpoint.port != tlsPort;
-  const bool carriesCredentials = !options.user.empty() || !options.sessionFile.empty();
+  DaemonConnection connection{OstrelDaemonSession::init(), Credentials::none, SavedSession(host, endpoint.port)};
+  const bool carriesCredentials = !userFor(options).empty() || !options.sessionFile.empty() || connection.saved.read();
   if (isPlain && !isLocal && carriesCredentials && !options.insecure) {
     fault = format("port %s of %s is spoken to without TLS: credentials are not sent (--insecure sends them)",
                    endpoint.port, host);
-    return nullptr;
+    return std::nullopt;
   }
-  auto session = OstrelDaemonSession::init();
-  session->setHost(host.find(':') == std::string::npos ? host : "[" + host + "]");
-  session->setPort(endpoint.port);
-  session->setForceValidCertificate(options.verifyCertificate || (!isLocal && !options.insecure));
-  if (!addCredentials(*session, options, isLocal, fault)) return nullptr;
-  return session;
+  connection.session->setHost(host.find(':') == std::string::npos ? host : "[" + host + "]");
+  connection.session->setPort(endpoint.port);
+  connection.session->setForceValidCertificate(options.verifyCertificate || (!isLocal && !options.insecure));
+  if (!addCredentials(connection, options, isLocal, fault)) return std::nullopt;
+  return connection;
 }
 
 }  // namespace ostrel

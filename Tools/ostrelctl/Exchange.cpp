@@ -9,7 +9,7 @@
 #include "Containers/Format.h"
 #include "Containers/PropertyList.h"
 #include "Platform/HostRoot.h"
-#include "ostrelctl/Connection.h"
+#include "Shared/DaemonModule.h"
 #include "ostrelctl/JsonForm.h"
 #include "ostrelctl/Progress.h"
 #include "ostrelctl/TextForm.h"
@@ -42,8 +42,8 @@ int fail(ExitStatus status, const std::string& reason) {
 std::optional<Exchange> Exchange::open(const SharedOptions& options, int& exitStatus) {
   if (!options.root.empty()) setHostRoot(options.root);
   std::string fault;
-  auto session = sessionFor(options, fault);
-  if (session) return Exchange(options, std::move(session));
+  auto connection = connectionFor(options, fault);
+  if (connection) return Exchange(options, std::move(*connection));
   exitStatus = fail(wrongUsage, fault);
   return std::nullopt;
 }
@@ -56,17 +56,13 @@ std::optional<Answer> Exchange::send(const std::string& module, const PlistValue
   // Sent all the same, it would be an empty request, which asks nothing and succeeds.
   if (!writeXmlPropertyList(request))
     return refuse(wrongUsage, "the command or an argument holds what XML cannot carry");
-  session_->setService(module);
-  if (!session_->buildURL(request, {})) {
+  connection_.session->setService(module);
+  if (!connection_.session->buildURL(request, {})) {
     return refuse(wrongUsage, "the host, port or module cannot be part of a URL");
   }
-  endAfter(options_.timeout);
-  std::optional<Progress> progress(std::in_place, module);
-  const PlistValue body = session_->sendSyncRequest(request, {}, rawPayload);
-  progress.reset();
-  endAfter(0);
-  if (session_->failureReason()) return refuse(noReply, *session_->failureReason());
-  if (session_->status() != 1) return refuse(noReply, "the exchange was not completed");
+  std::string fault;
+  const PlistValue body = transact(module, request, fault);
+  if (body.isNull()) return refuse(noReply, fault);
 
   Answer answer{readPropertyList(body.dataBytes()), std::string(body.dataBytes())};
   if (!answer.reply.isDictionary()) {
@@ -82,6 +78,63 @@ std::optional<Answer> ask(const SharedOptions& options, const std::string& modul
                           int& exitStatus) {
   auto exchange = Exchange::open(options, exitStatus);
   return exchange ? exchange->send(module, request, exitStatus) : std::nullopt;
+}
+
+PlistValue Exchange::transact(const std::string& module, const PlistValue& request, std::string& fault) {
+  OstrelDaemonSession& session = *connection_.session;
+  session.setService(module);
+  endAfter(options_.timeout);
+  std::optional<Progress> progress(std::in_place, module);
+  PlistValue body = session.sendSyncRequest(request, {}, rawPayload);
+  progress.reset();
+  endAfter(0);
+  if (!session.failureReason() && session.status() == 1) return body;
+  fault = session.failureReason() ? reasonOf(*session.failureReason()) : "the exchange was not completed";
+  return {};
+}
+
+std::optional<std::string> Exchange::signIn(int& exitStatus) {
+  std::string fault;
+  if (transact(daemonModule::name, {}, fault).isNull()) {
+    exitStatus = fail(noReply, fault);
+    return std::nullopt;
+  }
+  connection_.credentials = Credentials::saved;
+  auto identifier = connection_.session->sessionID();
+  if (!identifier) exitStatus = fail(noReply, "the daemon began no session");
+  return identifier;
+}
+
+Exchange::~Exchange() {
+  if (!connection_.session || connection_.credentials != Credentials::password) return;
+  if (!connection_.session->sessionID()) return;
+  std::string unread;
+  transact(daemonModule::name, daemonModule::request(daemonModule::logout), unread);
+}
+
+/// A failure, and what to do about it when the daemon let nobody in.
+std::string Exchange::reasonOf(const std::string& failure) const {
+  const auto endsWith = [&](const char* text) { return failure.ends_with(text); };
+  if (endsWith(": 403")) {
+    return failure +
+           "\nostrelctl: you are signed in, but may not do this: an administrator can allow it in "
+           "/etc/ostreld/authorization.plist, or make you a member of the group admin";
+  }
+  if (endsWith(": 429")) return failure + "\nostrelctl: too many sign-ins failed from here: wait a minute";
+  if (endsWith(": 503")) return failure + "\nostrelctl: too many sign-ins are being checked: try again";
+  if (!OstrelDaemonSession::didAuthenticationFail(failure)) return failure;
+  switch (connection_.credentials) {
+    case Credentials::password:
+      return failure + "\nostrelctl: wrong name or password";
+    case Credentials::sessionFile:
+      return failure + "\nostrelctl: that session is unknown or has ended: sign in with 'ostrelctl login'";
+    case Credentials::saved:
+      return failure +
+             "\nostrelctl: your session has ended: sign in again with 'ostrelctl login', or leave it with "
+             "'ostrelctl logout'";
+    default:
+      return failure + "\nostrelctl: sign in with 'ostrelctl login'";
+  }
 }
 
 std::string textInForm(const PlistValue& value, const std::string& bytes, OutputForm form) {

@@ -4,9 +4,10 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
-#include "ClientSession/OstrelDaemonSession.h"
 #include "Containers/PlistValue.h"
+#include "ostrelctl/Connection.h"
 #include "ostrelctl/SharedOptions.h"
 
 namespace ostrel {
@@ -21,7 +22,8 @@ struct Answer {
   std::string bytes;  ///< as they came
 };
 
-/// The connection to one daemon, with its credentials: for any number of requests, to any of its modules.
+/// The connection to one daemon, with its credentials: for any number of requests, to any of its modules. A session
+/// that was begun with a password ends with it.
 class Exchange {
  public:
   /// May ask for a password on the terminal. Absent, with the reason printed and `exitStatus` set, when a file cannot
@@ -32,13 +34,28 @@ class Exchange {
   /// holds an error is an answer, too: see `errorOf`. Absent, with the reason printed and `exitStatus` set, when the
   /// request cannot be sent or no whole reply came.
   std::optional<Answer> send(const std::string& module, const PlistValue& request, int& exitStatus);
+  /// Sends an empty request, which has the credentials checked. The identifier of the session that this began, which is
+  /// the caller's to end now; absent as above.
+  std::optional<std::string> signIn(int& exitStatus);
+
+  /// Where "ostrelctl login" keeps the session at this daemon, and whether it is what the requests present.
+  const SavedSession& savedSession() const { return connection_.saved; }
+  bool holdsSavedSession() const { return connection_.credentials == Credentials::saved; }
+
+  ~Exchange();
+  Exchange(Exchange&&) noexcept = default;
+  Exchange(const Exchange&) = delete;
+  Exchange& operator=(const Exchange&) = delete;
 
  private:
-  Exchange(SharedOptions options, std::shared_ptr<OstrelDaemonSession> session)
-      : options_(std::move(options)), session_(std::move(session)) {}
+  Exchange(SharedOptions options, DaemonConnection connection)
+      : options_(std::move(options)), connection_(std::move(connection)) {}
+  /// The reply's bytes; null with the reason in `fault`.
+  PlistValue transact(const std::string& module, const PlistValue& request, std::string& fault);
+  std::string reasonOf(const std::string& failure) const;
 
   SharedOptions options_;
-  std::shared_ptr<OstrelDaemonSession> session_;
+  DaemonConnection connection_;
 };
 
 /// One request over a connection of its own: `Exchange::open`, then `send`.

@@ -13,11 +13,12 @@ void addSharedOptions(CLI::App& app, SharedOptions& options) {
   auto* session = app.add_option("--session", options.sessionFile,
                                  "File with the session identifier to present; \"-\": standard input")
                       ->type_name("FILE");
-  auto* user = app.add_option("--user", options.user, "Name to present; the password is asked for");
+  auto* user = app.add_option("--user", options.user, "Name to sign in with; the password is asked for");
   user->excludes(session);
-  app.add_option("--password-file", options.passwordFile, "File with that name's password; \"-\": standard input")
+  app.add_option("--password-file", options.passwordFile,
+                 "File with that name's password, by default this user's; \"-\": standard input")
       ->type_name("FILE")
-      ->needs(user);
+      ->excludes(session);
   auto* verify = app.add_flag("--verify-certificate", options.verifyCertificate,
                               "Refuse a certificate that no trusted root vouches for; always so for other machines");
   app.add_flag("--insecure", options.insecure,

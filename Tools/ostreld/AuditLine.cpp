@@ -10,7 +10,9 @@ namespace {
 
 constexpr std::size_t longestText = 96;
 
-std::string quoted(std::string_view text) {
+}  // namespace
+
+std::string quotedForLog(std::string_view text) {
   if (text.empty()) return "\"-\"";
   std::string out = "\"";
   for (const char c : text.substr(0, longestText)) {
@@ -25,8 +27,6 @@ std::string quoted(std::string_view text) {
   return out + '"';
 }
 
-}  // namespace
-
 std::string outcomeOf(const PlistValue& response) {
   if (response.isNull()) return format("error %s", errors::unexpectedCommand);
   const PlistValue error = get_str_value_for_key(response, "error");
@@ -35,9 +35,9 @@ std::string outcomeOf(const PlistValue& response) {
 
 std::string auditLine(const AuditRecord& record) {
   const double milliseconds = std::chrono::duration<double, std::milli>(record.duration).count();
-  return format("audit user=%s from=%s module=%s command=%s outcome=%s ms=%.3f", quoted(record.who),
-                quoted(record.from), quoted(record.module), quoted(record.command), quoted(record.outcome),
-                milliseconds);
+  return format("audit user=%s from=%s module=%s command=%s outcome=%s ms=%.3f", quotedForLog(record.who),
+                quotedForLog(record.from), quotedForLog(record.module), quotedForLog(record.command),
+                quotedForLog(record.outcome), milliseconds);
 }
 
 void writeAudit(const AuditRecord& record) {

@@ -9,7 +9,9 @@
 #include "Platform/Clock.h"
 #include "Platform/SystemLog.h"
 #include "PluginFramework/Envelope.h"
+#include "Shared/DaemonModule.h"
 #include "ostreld/AsciiXml.h"
+#include "ostreld/DaemonCommands.h"
 
 namespace ostrel {
 namespace {
@@ -22,6 +24,8 @@ const char* phraseOf(int status) {
       return "Bad Request";
     case 401:
       return "Unauthorized";
+    case 403:
+      return "Forbidden";
     case 404:
       return "Not Found";
     case 405:
@@ -30,6 +34,10 @@ const char* phraseOf(int status) {
       return "Length Required";
     case 413:
       return "Content Too Large";
+    case 429:
+      return "Too Many Requests";
+    case 503:
+      return "Service Unavailable";
     default:
       return "Request Header Fields Too Large";
   }
@@ -52,9 +60,13 @@ const char* reasonOf(RequestFault fault) {
 
 }  // namespace
 
-CommandExchange::CommandExchange(const ExchangeRules& rules, std::string from, const RequestHead& head)
-    : rules_(rules), begun_(Clock::current().monotonic()) {
-  record_.from = std::move(from);
+CommandExchange::CommandExchange(const ExchangeRules& rules, Peer peer, const RequestHead& head)
+    : rules_(rules),
+      begun_(Clock::current().monotonic()),
+      peer_(std::move(peer.key)),
+      contentLength_(head.contentLength),
+      isChunked_(head.isChunked) {
+  record_.from = std::move(peer.from);
   judge(head);
 }
 
@@ -66,14 +78,55 @@ void CommandExchange::judge(const RequestHead& head) {
   if (head.method != "POST") return refuse(405, "wrong method");
   if (path.fault == RequestFault::badEscape) return refuse(400, reasonOf(path.fault));
   if (path.fault != RequestFault::none) return refuse(404, reasonOf(path.fault));
-  auto caller = rules_.authenticator.authenticate(head.sessionIdentifier, head.authorization);
-  if (!caller) return refuse(401, "not authenticated");
-  caller_ = std::move(*caller);
-  record_.who = caller_.user;
+  identify(head);
+  if (!isRefused() && !needsSignIn()) admit();
+}
+
+/// A session makes the credentials superfluous that clients send with every request beside it: checking them is slow.
+void CommandExchange::identify(const RequestHead& head) {
+  auto caller = rules_.authenticator.callerWith(head.sessionIdentifier);
+  auto credentials = readBasicCredentials(head.authorization);
+  const bool isCovered = caller && (!credentials || rules_.authenticator.coversCredentials(*caller, *credentials));
+  if (isCovered) {
+    caller_ = std::move(*caller);
+    record_.who = caller_.user;
+  } else if (credentials) {
+    record_.who = credentials->user;
+    credentials_ = std::move(credentials);
+  } else {
+    refuse(401, "not authenticated");
+  }
+}
+
+void CommandExchange::signIn() {
+  const BasicCredentials credentials = std::move(*credentials_);
+  credentials_.reset();
+  refuse(503, "the sign-in failed");  // and so it stays, should anything throw
+  switch (rules_.authenticator.signIn(credentials, peer_, record_.from, caller_)) {
+    case Authenticator::SignIn::accepted:
+      refusal_.reset();
+      record_.who = caller_.user;
+      admit();
+      break;
+    case Authenticator::SignIn::refused:
+      refuse(401, "wrong name or password");
+      break;
+    case Authenticator::SignIn::tooManyFailures:
+      refuse(429, "too many failed sign-ins from this peer");
+      refusal_->headers.emplace_back("Retry-After", format("%d", rules_.authenticator.waitOf(peer_).count()));
+      break;
+    case Authenticator::SignIn::tooBusy:
+      refuse(503, "too many sign-ins at once");
+      break;
+  }
+}
+
+/// The caller is known: whether its body may come.
+void CommandExchange::admit() {
   // RFC 1945, section 8.3. Taken for an empty request, it would succeed without its command having run.
-  if (!head.contentLength && !head.isChunked) return refuse(411, "no length");
-  if (head.contentLength && *head.contentLength > rules_.maximumBody) return refuse(413, "body too large");
-  if (head.contentLength) body_.reserve(static_cast<std::size_t>(*head.contentLength));
+  if (!contentLength_ && !isChunked_) return refuse(411, "no length");
+  if (contentLength_ && *contentLength_ > rules_.maximumBody) return refuse(413, "body too large");
+  if (contentLength_) body_.reserve(static_cast<std::size_t>(*contentLength_));
 }
 
 void CommandExchange::refuse(int status, const char* reason) {
@@ -131,7 +184,32 @@ Reply CommandExchange::answer() {
     return reply;
   }
   record_.command = get_str_value_for_key(request, "command").stringValue();
-  return documentOf(runCommand(request));
+  if (record_.module == daemonModule::name && record_.command == daemonModule::logout) return documentOf(signOut());
+  return mayRun(request) ? documentOf(runCommand(request)) : std::move(*refusal_);
+}
+
+/// Every command of a batch has to be allowed before any runs. Refuses otherwise, with a line for each that is not.
+bool CommandExchange::mayRun(const PlistValue& request) {
+  Permissions permissions = rules_.authorization.permissionsOf(caller_);
+  if (!permissions.isOfKnownUser()) {
+    refuse(401, "no longer known");
+    return false;
+  }
+  for (const CommandName& asked : commandsOf(request, record_.module)) {
+    if (permissions.allow(asked.module, asked.command)) continue;
+    if (asked.module != record_.module || asked.command != record_.command) {
+      writeAudit({record_.who, record_.from, asked.module, asked.command, "refused 403 not allowed", {}});
+    }
+    refuse(403, "not allowed");
+  }
+  return !isRefused();
+}
+
+/// Everybody may end the own session.
+PlistValue CommandExchange::signOut() {
+  const bool ended = rules_.authenticator.signOut(caller_);
+  if (ended) caller_.sessionIdentifier.clear();
+  return PlistValue::dictionaryOf({{"ended", ended}});
 }
 
 /// What the host throws means that it cannot run the module: the caller is told so, and the log why.

@@ -13,9 +13,16 @@
 #include "Containers/PlistValue.h"
 #include "ostreld/AuditLine.h"
 #include "ostreld/Authenticator.h"
+#include "ostreld/Authorization.h"
 #include "ostreld/RequestSyntax.h"
 
 namespace ostrel {
+
+/// Where a connection comes from.
+struct Peer {
+  std::string from;  ///< numeric address and port, for the audit line
+  std::string key;   ///< what limits are kept for
+};
 
 /// Who sent a command.
 struct CommandOrigin {
@@ -28,9 +35,10 @@ struct CommandOrigin {
 using CommandRunner =
     std::function<PlistValue(const PlistValue& request, const std::string& module, const CommandOrigin& origin)>;
 
-/// What every exchange of a server shares. Immutable while the server runs.
+/// What every exchange of a server shares; the same while the server runs.
 struct ExchangeRules {
-  Authenticator authenticator;
+  Authenticator& authenticator;  ///< borrowed, like the next
+  Authorization& authorization;
   CommandRunner run;
   std::size_t maximumHead = 0;  ///< bytes
   std::size_t maximumBody = 0;  ///< bytes
@@ -58,9 +66,13 @@ struct Reply {
 /// Threads: one at a time. Every exchange ends with one audit line, by `finish` or by `abandon`.
 class CommandExchange {
  public:
-  /// Judges the head. `rules` is borrowed and must outlive the exchange; `from` is the peer, for the audit line.
-  CommandExchange(const ExchangeRules& rules, std::string from, const RequestHead& head);
+  /// Judges the head. `rules` is borrowed and must outlive the exchange.
+  CommandExchange(const ExchangeRules& rules, Peer peer, const RequestHead& head);
 
+  /// Whether `signIn` has to be called before the body is taken.
+  bool needsSignIn() const { return credentials_.has_value(); }
+  /// Has the password checked that the head holds. Blocks, for seconds when it is wrong.
+  void signIn();
   /// Whether the reply is a refusal already, whatever the body holds.
   bool isRefused() const { return refusal_.has_value(); }
   /// Takes the next bytes of the body. Those of a refused request, and those beyond the limit, are not kept.
@@ -73,18 +85,26 @@ class CommandExchange {
 
  private:
   void judge(const RequestHead& head);
+  void identify(const RequestHead& head);
+  void admit();
   void refuse(int status, const char* reason);
   void decodeBody();
   Reply answer();
+  bool mayRun(const PlistValue& request);
   PlistValue runCommand(const PlistValue& request);
+  PlistValue signOut();
   Reply documentOf(const PlistValue& response);
   void audit();
 
   const ExchangeRules& rules_;
   AuditRecord record_;
   const std::chrono::nanoseconds begun_;
+  const std::string peer_;
+  std::optional<std::uint64_t> contentLength_;
+  bool isChunked_ = false;
   std::optional<Reply> refusal_;
-  Authenticator::Caller caller_;
+  std::optional<BasicCredentials> credentials_;  ///< as long as they have to be checked
+  Caller caller_;
   std::string body_;
   bool isEmpty_ = false;
   bool finished_ = false;

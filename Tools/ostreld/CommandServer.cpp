@@ -116,7 +116,9 @@ std::optional<std::uint64_t> contentLengthOf(MHD_Connection* connection) {
 /// What the HTTP library keeps for us between its calls for one request.
 struct Request {
   CommandExchange exchange;
-  std::optional<Reply> reply;  ///< once the command has run
+  bool waitsForReply = false;    ///< not for its body: it asked for leave to send it, or where it ends is unknown
+  bool isJudged = false;         ///< the head is, with the sign-in that it may ask for
+  std::optional<Reply> reply{};  ///< once the command has run
 };
 
 /// Few threads that last carry all TLS connections, and each command has one of its own meanwhile: GnuTLS keeps some
@@ -174,6 +176,7 @@ class HttpCommandServer final : public CommandServer {
   void leave(Connection* connection);
   MHD_Result handle(MHD_Connection* connection, std::string_view path, std::string_view method,
                     std::string_view bodyPart, std::size_t* bodySize, void** exchange);
+  MHD_Result signIn(MHD_Connection* connection, Request& request);
   void run(MHD_Connection* connection, Request& request);
   MHD_Result send(MHD_Connection* connection, Request& request);
   MHD_Result queue(MHD_Connection* connection, Reply reply) const;
@@ -306,13 +309,21 @@ MHD_Result HttpCommandServer::handle(MHD_Connection* connection, std::string_vie
         .isChunked = !headerOf(connection, MHD_HTTP_HEADER_TRANSFER_ENCODING).empty(),
         .sessionIdentifier = headerOf(connection, "OstrelSessionID"),
         .authorization = headerOf(connection, MHD_HTTP_HEADER_AUTHORIZATION)};
-    current = new Request{CommandExchange(rules_, entryOf(connection)->from, head), std::nullopt};
+    current = new Request{CommandExchange(rules_, {entryOf(connection)->from, entryOf(connection)->peer}, head)};
     *exchange = current;
+    current->waitsForReply =
+        !headerOf(connection, MHD_HTTP_HEADER_EXPECT).empty() || head.headers != RequestFault::none;
+    if (current->exchange.needsSignIn()) {
+      if (!isPlain_) return signIn(connection, *current);
+      current->exchange.signIn();
+    }
+  }
+  if (!current->isJudged) {
+    current->isJudged = true;
     // A refused client that waits for leave to send its body is told at once. Others send it whatever we say, and
     // would miss the reply if the connection closed while they do: their bytes are read and dropped first. Where the
     // body ends is unknown when the headers are at odds.
-    const bool waits = !headerOf(connection, MHD_HTTP_HEADER_EXPECT).empty() || head.headers != RequestFault::none;
-    return current->exchange.isRefused() && waits ? send(connection, *current) : MHD_YES;
+    return current->exchange.isRefused() && current->waitsForReply ? send(connection, *current) : MHD_YES;
   }
   if (current->reply) return send(connection, *current);  // the command has run
   if (current->exchange.isFinished()) return MHD_YES;     // refused and answered before its body
@@ -324,6 +335,21 @@ MHD_Result HttpCommandServer::handle(MHD_Connection* connection, std::string_vie
   }
   current->exchange.receive(bodyPart);
   *bodySize = 0;
+  return MHD_YES;
+}
+
+/// Checking a password is slow: the library leaves the connection alone meanwhile, then calls `handle` with the same
+/// head once more.
+MHD_Result HttpCommandServer::signIn(MHD_Connection* connection, Request& request) {
+  MHD_suspend_connection(connection);
+  commands_.start([connection, &request] {
+    try {
+      request.exchange.signIn();
+    } catch (const std::exception& error) {
+      logAt(LogLevel::error, "[%d] ostreld gave a request up: %s", processId(), error.what());
+    }
+    MHD_resume_connection(connection);
+  });
   return MHD_YES;
 }
 

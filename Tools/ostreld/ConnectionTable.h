@@ -27,13 +27,13 @@ class ConnectionTable {
  public:
   enum class Phase { receiving, running, replying };
 
-  /// One open connection. Its members are read and written under the table's lock only, the two constant ones and the
-  /// last aside.
+  /// One open connection. Its members are read and written under the table's lock only, the constant ones and the last
+  /// aside.
   struct Connection {
     const std::string from;  ///< numeric address and port
     const std::chrono::nanoseconds accepted;
     int descriptor;
-    std::string peer;
+    const std::string peer;  ///< one IPv4 address or one IPv6 /64 network
     Phase phase = Phase::receiving;
     std::chrono::nanoseconds deadline;
     const char* cutBecause = nullptr;

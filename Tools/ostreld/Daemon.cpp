@@ -211,7 +211,9 @@ int runDaemon(const DaemonOptions& options) {
   IdlePasses idle(modules, options.idleInterval);
   NetworkChanges network(options.watchNetwork);
   DaemonCommands commands(modules, idle, network, batches);
-  ExchangeRules rules{Authenticator({*session}),
+  Authenticator authenticator(*session, options.sessions, options.signIns);
+  Authorization authorization(hostPath("/etc/ostreld/authorization.plist"));
+  ExchangeRules rules{authenticator, authorization,
                       [&commands](const PlistValue& request, const std::string& module, const CommandOrigin& origin) {
                         return commands.run(request, module, origin);
                       },
@@ -230,6 +232,7 @@ int runDaemon(const DaemonOptions& options) {
   const auto stopBegan = steady_clock::now();
   idle.stop(milliseconds::zero());  // no pass begins any more
   network.stop(milliseconds::zero());
+  authenticator.stop();
   const auto timeLeft = [&] {
     const auto left = options.stopTime - std::chrono::duration_cast<milliseconds>(steady_clock::now() - stopBegan);
     return std::max(left, milliseconds::zero());

@@ -7,6 +7,7 @@
 #include "Platform/Clock.h"
 #include "Platform/SystemLog.h"
 #include "PluginFramework/BundleManager.h"
+#include "PluginFramework/Envelope.h"
 #include "Shared/DaemonModule.h"
 #include "ostreld/AuditLine.h"
 #include "ostreld/ConnectionTable.h"
@@ -54,7 +55,23 @@ PlistValue countsOf(const ConnectionTable* connections) {
 
 double seconds(std::chrono::nanoseconds duration) { return std::chrono::duration<double>(duration).count(); }
 
+CommandName nameOf(const PlistValue& request, std::string_view module) {
+  return {std::string(module), std::string(get_str_value_for_key(request, "command").stringValue())};
+}
+
 }  // namespace
+
+/// A batch that does not run because a member is none needs no permission for that member: see `isRunnable`.
+std::vector<CommandName> commandsOf(const PlistValue& request, const std::string& module) {
+  if (module != daemonModule::name || request.get("command") != PlistValue(daemonModule::batch)) {
+    return {nameOf(request, module)};
+  }
+  std::vector<CommandName> names;
+  const PlistValue members = request.get("requestsArray");
+  for (const PlistValue& member : members.elements())
+    names.push_back(nameOf(member.get("request"), member.get("name").stringValue()));
+  return names;
+}
 
 /// Places for the commands of one batch, taken for the life of this object.
 class DaemonCommands::BatchPlaces {

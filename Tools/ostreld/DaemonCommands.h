@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <string>
+#include <vector>
 
 #include "Containers/PlistValue.h"
 #include "Platform/Mutex.h"
@@ -23,7 +24,16 @@ struct BatchLimits {
   std::size_t atOnce = 256;  ///< commands of all batches that run
 };
 
-/// The reserved module "ostreld" (docs/wire-protocol.md): "getStatus" and "batch".
+/// A command as it is allowed or not.
+struct CommandName {
+  std::string module;
+  std::string command;  ///< "" when the request has none
+};
+
+/// What a request runs: its command, or those of the batch that it is, as far as they can be told.
+std::vector<CommandName> commandsOf(const PlistValue& request, const std::string& module);
+
+/// The reserved module "ostreld" (docs/wire-protocol.md): "getStatus" and "batch". Callers see to "logout".
 ///
 /// Threads: every operation may be called from any thread.
 class DaemonCommands {

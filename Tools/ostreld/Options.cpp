@@ -12,8 +12,9 @@ namespace {
 
 constexpr const char* description =
     "ostreld, the server-administration daemon: takes commands over HTTPS and hands them to its modules.\n"
-    "Modules are loaded from /usr/share/ostreld/bundles below the root. Callers need a session identifier; the daemon\n"
-    "leaves one for its own user in /var/ostreld/local_session, which ostrelctl picks up.\n";
+    "Modules are loaded from /usr/share/ostreld/bundles below the root. Callers sign in with a name and\n"
+    "password that the directory knows; the daemon leaves a session identifier for its own user in\n"
+    "/var/ostreld/local_session, which ostrelctl picks up.\n";
 constexpr const char* signals =
     "\nSIGTERM and SIGINT stop the daemon once running requests have finished; a second one stops it at once.\n"
     "SIGHUP is ignored: restart the daemon to change its options. See docs/operations.md.\n";
@@ -42,6 +43,9 @@ std::optional<DaemonOptions> readOptions(int argc, const char* const* argv, int&
   double replySeconds = 60;
   double stopSeconds = 60;
   double idleSeconds = 60;
+  double sessionIdleSeconds = 30 * 60;
+  double sessionLifeSeconds = 12 * 60 * 60;
+  double failureSeconds = 0.5;
 
   CLI::App app(description, "ostreld");
   app.footer(signals);
@@ -88,6 +92,24 @@ std::optional<DaemonOptions> readOptions(int argc, const char* const* argv, int&
       ->check(numberRange(0.1, 86'400));
   limits(app.add_option("--reply-time", replySeconds, "Seconds to take a whole reply"))
       ->check(numberRange(0.1, 86'400));
+  const auto sessions = [](CLI::Option* option) { return option->group("Signing in with a name and a password"); };
+  sessions(app.add_option("--session-idle", sessionIdleSeconds, "Seconds without a request that end a session"))
+      ->check(numberRange(0.1, 31'536'000));
+  sessions(app.add_option("--session-life", sessionLifeSeconds, "Seconds that a session lasts at most"))
+      ->check(numberRange(0.1, 31'536'000));
+  sessions(app.add_option("--max-sessions", options.sessions.total,
+                          "Sessions in all; a further one ends the least recently used"))
+      ->check(CLI::Range(1, 100'000));
+  sessions(app.add_option("--max-sessions-per-user", options.sessions.perUser, "Sessions of one user, likewise"))
+      ->check(CLI::Range(1, 100'000));
+  sessions(app.add_option("--max-failed-sign-ins", options.signIns.failuresPerPeer,
+                          "Failures of one address (IPv6: of one /64 network) before it has to wait; one is forgotten "
+                          "every 30 seconds"))
+      ->check(CLI::Range(1, 100'000));
+  sessions(app.add_option("--failed-sign-in-time", failureSeconds,
+                          "Seconds after which a failure is answered; doubled, up to 16 times as long, when there are "
+                          "many"))
+      ->check(numberRange(0, 10));
   app.add_option("--max-batch", options.batches.perBatch, "Commands in one batch")->check(CLI::Range(1, 10'000));
   app.add_option("--max-batch-commands", options.batches.atOnce, "Commands of all batches that run at once")
       ->check(CLI::Range(1, 10'000));
@@ -111,6 +133,10 @@ std::optional<DaemonOptions> readOptions(int argc, const char* const* argv, int&
   options.connections.replyTime = milliseconds(replySeconds);
   options.stopTime = milliseconds(stopSeconds);
   options.idleInterval = milliseconds(idleSeconds);
+  options.sessions.idle = milliseconds(sessionIdleSeconds);
+  options.sessions.life = milliseconds(sessionLifeSeconds);
+  options.signIns.failureTime = milliseconds(failureSeconds);
+  options.signIns.longestFailure = 16 * options.signIns.failureTime;
   return options;
 }
 

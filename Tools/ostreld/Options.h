@@ -10,6 +10,8 @@
 #include "Platform/SocketAddress.h"
 #include "ostreld/ConnectionTable.h"
 #include "ostreld/DaemonCommands.h"
+#include "ostreld/SessionTable.h"
+#include "ostreld/SignInGate.h"
 
 namespace ostrel {
 
@@ -24,6 +26,8 @@ struct DaemonOptions {
   std::size_t maximumHead = 16 * 1024;         ///< bytes of request line and headers
   std::size_t maximumBody = 16 * 1024 * 1024;  ///< bytes
   BatchLimits batches;
+  SessionLimits sessions;
+  SignInLimits signIns;
   std::chrono::milliseconds idleInterval{std::chrono::minutes(1)};  ///< 0: no idle passes
   bool crashOnHang = false;
   bool watchNetwork = true;

@@ -19,22 +19,7 @@ namespace {
 
 constexpr std::size_t tokenLength = 32;
 
-bool isLetterOrDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
-
 bool isPlain(char c) { return c > ' ' && c <= '~' && c != '@'; }
-
-/// Bytes that are no letter or digit are dropped, not mapped: each character stays equally likely.
-std::optional<std::string> randomToken() {
-  const FileDescriptor random = RandomDevice::current().open();
-  std::string token;
-  while (random && token.size() < tokenLength) {
-    char byte = 0;
-    if (readSome(random.get(), &byte, 1) != 1) return std::nullopt;
-    if (isLetterOrDigit(byte)) token += byte;
-  }
-  if (!random) return std::nullopt;
-  return token;
-}
 
 constexpr mode_t writableByOthers = 0022;
 
@@ -64,7 +49,7 @@ bool writeLine(const std::string& file, const std::string& line, mode_t mode, st
 
 std::optional<std::string> makeSessionIdentifier() {
   const auto user = UserDatabase::current().userWithId(geteuid());
-  const auto token = randomToken();
+  const auto token = randomLettersAndDigits(tokenLength);
   if (!token) return std::nullopt;
   // A user without a name is told by number, and so is one whose name would end early or not fit a header's word.
   const bool named = user && !user->name.empty() && std::ranges::all_of(user->name, isPlain);

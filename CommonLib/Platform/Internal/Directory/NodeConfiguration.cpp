@@ -1,14 +1,7 @@
 // Makes the nodes that the host's configuration names. docs/directory.md describes the file.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
-#include <optional>
 #include <utility>
 
-#include "Containers/PropertyList.h"
-#include "Platform/FileDescriptor.h"
 #include "Platform/HostRoot.h"
 #include "Platform/Internal/Directory/HostNode.h"
 #include "Platform/Internal/Directory/LocalNode.h"
@@ -17,13 +10,13 @@
 #include "Platform/Internal/Directory/SearchNode.h"
 #include "Platform/Mutex.h"
 #include "Platform/SystemLog.h"
+#include "Platform/TrustedPropertyList.h"
 
 namespace ostrel::detail {
 namespace {
 
 constexpr std::string_view configurationFile = "/etc/ostreld/directory.plist";
 constexpr std::string_view localDatabase = "/var/ostreld/directory/local.db";
-constexpr std::size_t largestConfiguration = 1U << 20U;
 constexpr std::string_view ldapKind = "LDAP";
 
 // A fault of the configuration, for the log.
@@ -32,24 +25,10 @@ struct Fault {
 };
 
 // Whoever may write this file decides who is let in, and it may hold passwords.
-bool isTrusted(const FileStatus& status) {
-  return status.isRegularFile() && (status.user == 0 || status.user == geteuid()) && (status.mode & 022U) == 0;
-}
-
 PlistValue readConfiguration(const std::string& path) {
-  const FileDescriptor file = openFile(path, O_RDONLY | O_NONBLOCK);
-  if (!file) {
-    if (errno == ENOENT) return PlistValue::dictionaryOf({});
-    throw Fault{"cannot be opened"};
-  }
-  const auto status = descriptorStatus(file.get());
-  if (!status || !isTrusted(*status))
-    throw Fault{"is no regular file of root's or the daemon's that only they may write"};
-  const auto bytes = readToEnd(file.get(), largestConfiguration);
-  if (!bytes) throw Fault{"cannot be read or is too large"};
-  PlistError error;
-  PlistValue configuration = readPropertyList(*bytes, PlistForm::immutableContainers, &error);
-  if (!configuration.isDictionary()) throw Fault{configuration.isNull() ? error.message : "holds no dictionary"};
+  std::string fault;
+  PlistValue configuration = readTrustedPropertyList(path, fault);
+  if (configuration.isNull()) throw Fault{fault};
   return configuration;
 }
 
@@ -112,16 +91,14 @@ NodeSetPointer makeNodes(const std::string& path) {
 struct State {
   std::string path;
   std::uint64_t kinds = 0;
-  std::optional<std::array<double, 3>> file;  ///< absent: there is no file
+  FileState file;
 
   friend bool operator==(const State&, const State&) = default;
 };
 
 State currentState() {
-  State state{hostPath(configurationFile), nodeKindGeneration(), {}};
-  if (const auto status = fileStatus(state.path))
-    state.file = {static_cast<double>(status->inode), static_cast<double>(status->size), status->modified};
-  return state;
+  const std::string path = hostPath(configurationFile);
+  return {path, nodeKindGeneration(), FileState::of(path)};
 }
 
 struct Shared {
