@@ -160,9 +160,18 @@ class Sleeper {
   ProcessIdentity identity_;
 };
 
+/// Three letters for the names of processes: other runs of these tests on the machine have others.
+std::string tagOfThisRun() {
+  std::string tag;
+  for (pid_t rest = getpid(); tag.size() < 3; rest /= 26) tag += static_cast<char>('a' + rest % 26);
+  return tag;
+}
+
 TEST(Processes, AreFoundByTheirExactNames) {
-  for (const std::string name : {"ostrel-t1", "o) S 1 (t2 x", "o\nstrel-t3", "ostrel-fifteen4", "ostrel-sixteen-5",
-                                 "ostrel-service-with-a-long-name", "ostrel-script-with-a-long-name"}) {
+  const std::string tag = tagOfThisRun();
+  for (const std::string& name :
+       {tag + "rel-t1", "o) S 1 (" + tag + " x", "o\nstrel-" + tag, tag + "rel-fifteen4", tag + "rel-sixteen-5",
+        tag + "rel-service-with-a-long-name", tag + "rel-script-with-a-long-name"}) {
     const Sleeper sleeper(name);
     ASSERT_GT(sleeper.pid(), 1);
     EXPECT_EQ(ec_pid_for_process_named(name.c_str()), sleeper.pid()) << name;
@@ -185,7 +194,8 @@ TEST(Processes, AreFoundByTheirExactNames) {
 TEST(Processes, AreTakenFromThePidFileBeforeTheName) {
   const TemporaryFolder folder;
   const std::string file = folder / "pid";
-  const Sleeper sleeper("ostrel-t6");
+  const std::string name = tagOfThisRun() + "rel-t6";
+  const Sleeper sleeper(name);
   const struct {
     std::string content;
     pid_t expected;
@@ -199,11 +209,11 @@ TEST(Processes, AreTakenFromThePidFileBeforeTheName) {
   };
   for (const auto& [content, expected] : cases) {
     writeFile(file, content);
-    EXPECT_EQ(ec_pid_from_pid_file_or_process_named(file.c_str(), "ostrel-t6"), expected) << content;
+    EXPECT_EQ(ec_pid_from_pid_file_or_process_named(file.c_str(), name.c_str()), expected) << content;
   }
   writeFile(file, std::to_string(sleeper.pid()));
   EXPECT_TRUE(get_service_state_from_pid_file(file));
-  EXPECT_EQ(ec_pid_from_pid_file_or_process_named("/nowhere", "ostrel-t6"), sleeper.pid());
+  EXPECT_EQ(ec_pid_from_pid_file_or_process_named("/nowhere", name.c_str()), sleeper.pid());
   EXPECT_EQ(ec_pid_from_pid_file_or_process_named(nullptr, nullptr), -1);
   EXPECT_FALSE(get_service_state_from_pid_file(folder / "absent"));
 }
