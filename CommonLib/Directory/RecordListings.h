@@ -87,8 +87,8 @@ OSTREL_EXPORT void DSDeallocAnyRecFields(char** name) noexcept;
 /// whose names match: on the node with this path or, with a null path, on the search node. Alias types are left out.
 ///
 /// The first of these decides about the names: both ends given and the same: exactly that name; names that start with
-/// `startsWith`; that contain `contains`; that end with `endsWith`; all. All compare ignoring case. An empty string is
-/// as good as null, and so is "*", save for both ends.
+/// `startsWith`; that contain `contains`; that end with `endsWith`; all. All compare ignoring case. An empty string
+/// and "*" are as good as null.
 ///
 /// `maximum` is 256 by default. "dsAttrTypeVirtual:isAdmin" among the attributes of a listing of users marks with true
 /// under that name those who are members of the group "admin" of the same node, by name or by primary group.

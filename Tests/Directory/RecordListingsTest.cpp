@@ -1,6 +1,8 @@
 // Listings of users and groups, on every kind of node.
 #include <gmock/gmock.h>
 
+#include <algorithm>
+
 #include "Directory/NodeFixture.h"
 #include "Directory/RecordListings.h"
 
@@ -206,6 +208,21 @@ TEST_P(RecordListings, CountAcrossPieces) {
   }
   DSDeallocAnyRecs(&names, &count);
   EXPECT_EQ(names, nullptr);
+}
+
+// A walk along a prefix is taken up behind a long name, and meets a shorter one twice, and a longer one.
+TEST_P(RecordListings, GoOnAlongAPrefix) {
+  std::vector<SeedRecord> records = {
+      user("ab", 1100, 20, "x"), group("ab", 1100), user("ac" + std::string(200, 'c'), 1101, 20, "x"),
+      user("ad", 1102, 20, "x"), group("ad", 1102), user("b", 1103, 20, "x")};
+  for (int number = 10; number < 40; ++number)
+    records.push_back(user("aa-long-name-" + std::to_string(number), 1000 + number, 20, std::string(20000, 'x')));
+  add(records);
+  const PlistValue listing = DSGetListOfRecords(testNode->path(), texts({usersType, groupsType}),
+                                                texts({nameAttribute, realNameAttribute}), "a", {}, {});
+  EXPECT_EQ(listing.get("nbRecords"), PlistValue(35));
+  EXPECT_EQ(std::ranges::count(namesIn(listing), "ab"), 2);
+  EXPECT_EQ(std::ranges::count(namesIn(listing), "ad"), 2);
 }
 
 // Records share keys by their place; those with other and with many attributes must get their own all the same.

@@ -114,7 +114,6 @@ SearchRun::SearchRun(LocalConnection& connection, SearchPlan& plan, const Direct
 // Binds the statement to go on behind what was seen. False when nothing can be found.
 bool SearchRun::begin(const DirectorySearchRequest& request) {
   statement_.emplace(connection_, statementOf(plan_.walk));
-  const std::string_view text = plan_.begun ? plan_.lastText : plan_.pattern;
   const std::int64_t id = plan_.begun ? plan_.lastId : -1;
   if (plan_.walk == Walk::allOfType) {
     const auto type = connection_.typeNamed(plan_.type);
@@ -128,8 +127,10 @@ bool SearchRun::begin(const DirectorySearchRequest& request) {
       statement_->with(*attribute, std::string_view(plan_.pattern), id);
       break;
     case Walk::textRange:
+      // A copy: the plan's text changes with every row, while the statement goes on comparing with what it began at.
+      from_ = plan_.begun ? plan_.lastText : plan_.pattern;
       bound_ = behindPrefix(plan_.pattern);
-      statement_->with(*attribute, text, id, std::string_view(bound_));
+      statement_->with(*attribute, std::string_view(from_), id, std::string_view(bound_));
       break;
     case Walk::grams:
       bound_ = match_ == directoryMatch::endsWithIgnoringCase ? endsWithQuery(*attribute, plan_.pattern)

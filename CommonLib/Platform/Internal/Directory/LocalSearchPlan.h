@@ -64,7 +64,9 @@ class SearchRun {
   SearchPlan& plan_;
   const std::uint32_t match_;
   std::vector<std::int64_t> types_;
-  std::string bound_;  ///< what the statement borrows
+  // What the statement borrows.
+  std::string from_;
+  std::string bound_;
   std::optional<SqliteStatement> statement_;
 };
 

@@ -113,6 +113,10 @@ const std::string& LocalConnection::attributeName(std::int64_t attribute) {
   return nameIn(*this, "SELECT name FROM attribute WHERE id=?1", attribute, attributes_);
 }
 
+LocalStore::LocalStore(std::string path) : path_(std::move(path)) {
+  idle_.reserve(mostIdleConnections);  // giving back must not fail
+}
+
 // The inode of the file, which is made when it is missing.
 std::uint64_t LocalStore::prepareFile() const {
   if (const auto status = linkStatus(path_)) {
@@ -154,7 +158,7 @@ std::unique_ptr<LocalConnection> LocalStore::checkOut() {
   return std::make_unique<LocalConnection>(path_, inode);
 }
 
-void LocalStore::giveBack(std::unique_ptr<LocalConnection> connection) {
+void LocalStore::giveBack(std::unique_ptr<LocalConnection> connection) noexcept {
   const MutexLock lock(mutex_);
   if (idle_.size() < mostIdleConnections) idle_.push_back(std::move(connection));
 }

@@ -49,7 +49,7 @@ class LocalConnection : public SqliteConnection {
 /// Threads: any. Several processes may have the file open.
 class LocalStore {
  public:
-  explicit LocalStore(std::string path) : path_(std::move(path)) {}
+  explicit LocalStore(std::string path);
 
   /// Holds a connection for a scope and gives it back.
   class Lease {
@@ -68,7 +68,7 @@ class LocalStore {
 
  private:
   std::unique_ptr<LocalConnection> checkOut();
-  void giveBack(std::unique_ptr<LocalConnection> connection);
+  void giveBack(std::unique_ptr<LocalConnection> connection) noexcept;
   std::uint64_t prepareFile() const;
 
   const std::string path_;

@@ -72,10 +72,14 @@ sqlite3_stmt* SqliteConnection::prepare(const char* text) {
   return statement;
 }
 
-void SqliteConnection::putBack(const char* text, sqlite3_stmt* statement) {
+void SqliteConnection::putBack(const char* text, sqlite3_stmt* statement) noexcept {
   sqlite3_reset(statement);
   sqlite3_clear_bindings(statement);
-  prepared_.emplace(text, statement);
+  try {
+    prepared_.emplace(text, statement);
+  } catch (const std::bad_alloc&) {  // then it is prepared anew
+    sqlite3_finalize(statement);
+  }
 }
 
 SqliteStatement::SqliteStatement(SqliteConnection& connection, const char* text)

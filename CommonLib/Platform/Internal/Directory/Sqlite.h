@@ -77,7 +77,7 @@ class SqliteConnection {
   [[noreturn]] void fail(int code) const;
   /// A prepared statement that is not in use; gives the ownership to the statement.
   sqlite3_stmt* prepare(const char* text);
-  void putBack(const char* text, sqlite3_stmt* statement);
+  void putBack(const char* text, sqlite3_stmt* statement) noexcept;
 
   std::string path_;
   sqlite3* database_ = nullptr;
