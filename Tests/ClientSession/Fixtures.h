@@ -68,6 +68,9 @@ class FakeNetworkConfiguration final : public NetworkConfiguration {
     std::optional<std::string> primaryInterface(AddressFamily) override { return std::nullopt; }
     std::vector<std::string> serviceDevices() override { return {}; }
     std::optional<std::string> displayName(const std::string&) override { return std::nullopt; }
+    std::optional<std::string> interfaceType(const std::string&) override { return std::nullopt; }
+    std::vector<IPv4ServiceState> ipv4Services() override { return {}; }
+    std::vector<IPv4InterfaceState> ipv4Interfaces() override { return {}; }
 
    private:
     const std::optional<std::string> name_;
