@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <string>
 #include <string_view>
 
 #include "Directory/DirectoryRecords.h"
@@ -39,10 +40,11 @@ namespace detail {
 
 SecretBuffer::SecretBuffer(DirectoryHandle session, const PlistValue& user, const PlistValue& password) {
   const auto userText = utf8Text(user);
-  auto passwordText = utf8Text(password);
-  if (userText && passwordText)
-    DSBuildAuthenticationBuffer(session, userText->c_str(), passwordText->c_str(), &buffer_);
-  if (passwordText) explicit_bzero(passwordText->data(), passwordText->size());
+  auto givenPassword = utf8Text(password);
+  if (!userText || !givenPassword) return;
+  std::string& passwordText = *givenPassword;
+  DSBuildAuthenticationBuffer(session, userText->c_str(), passwordText.c_str(), &buffer_);
+  explicit_bzero(passwordText.data(), passwordText.size());
 }
 
 SecretBuffer::~SecretBuffer() {
