@@ -24,6 +24,7 @@ constexpr const char* groupType = directoryName::groups.data();
 // Reading.
 
 DirectoryStatus readAttributes(DirectoryHandle node, const std::string& name, PlistValue& group) {
+  if (name == directoryName::allRecords) return directoryStatus::success;  // no name, it would ask for any group
   const ReleasedList names(dsBuildListFromStringsAlloc(name.c_str(), nullptr));
   const ReleasedList types(dsBuildListFromStringsAlloc(groupType, nullptr));
   const ReleasedList attributes(

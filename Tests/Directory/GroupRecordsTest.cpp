@@ -78,11 +78,21 @@ TEST_P(GroupRecords, NamesMembersInTheirOrder) {
 
   EXPECT_EQ(read("ALL").count(), 0U);  // byte by byte
   EXPECT_EQ(read("ada").count(), 0U);
+  EXPECT_EQ(read("dsRecordsAll").count(), 0U) << "nobody's name";
   for (const PlistValue& nameless : {PlistValue(), PlistValue(5), PlistValue(std::string_view("all\0", 4))})
     EXPECT_EQ(read(nameless, directoryStatus::outOfMemory).count(), 0U);
   PlistValue group;
   EXPECT_EQ(DSGetGroupRecordInfo("/No/Such", "all", group), directoryStatus::nodeNotFound);
   EXPECT_EQ(group, PlistValue::mutableDictionary());
+}
+
+// What asks for every record elsewhere is a member like any other, whom nobody knows.
+TEST_P(GroupRecords, NamesMembersBesideOneThatAsksForAll) {
+  if (!testNode->holdsAnything()) GTEST_SKIP() << "members are somebody here";
+  for (const char* name : {"a", "b", "c", "d"}) add({{usersType, name, {{identifierAttribute, {unknownIdentifier}}}}});
+  add({{usersType, "ada", {{identifierAttribute, {adaIdentifier}}}},
+       {groupsType, "odd", {{membersAttribute, {"dsRecordsAll", adaIdentifier}}}}});
+  EXPECT_EQ(read("odd").get("dsAttrTypeVirtual:UserMemberNames"), texts({"dsRecordsAll", "ada"}));
 }
 
 TEST_P(GroupRecords, MakesChangesAndDeletesGroups) {

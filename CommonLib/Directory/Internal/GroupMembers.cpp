@@ -34,6 +34,8 @@ DirectoryStatus MemberRecords::find(DirectoryHandle session, DirectoryHandle nod
   IdentifierSet legacyIds;
   IdentifierSet identifiers;
   for (const PlistValue& member : members.elements()) {
+    // It would ask for everybody, and leave no room for those who are members.
+    if (member.stringValue() == directoryName::allRecords) continue;
     const PlistValue legacyId = DSLegacyIDFromGeneratedUID(member);
     if (legacyId.isNull())
       identifiers.insert(member);
