@@ -12,7 +12,27 @@
 namespace ostrel::detail {
 namespace {
 
-/// The lines of one unit.
+/// Takes "NAME=value". A command stands there with the very line feeds of its arguments, and ends by " }".
+std::string_view takeProperty(std::string_view& left) {
+  const std::string_view all = left;
+  std::string_view line = takeUpTo(left, "\n");
+  if (!line.starts_with("ExecStart={ path=") || line.ends_with(" }")) return line;
+  const std::size_t end = all.find(" }\n");
+  if (end == std::string_view::npos) return line;
+  line = all.substr(0, end + 2);
+  left = all.substr(end + 3);
+  return line;
+}
+
+/// The lines of one unit, without the empty one that ends them.
+std::string_view takeUnit(std::string_view& left) {
+  const std::string_view all = left;
+  std::size_t size = 0;
+  while (!left.empty() && !takeProperty(left).empty()) size = all.size() - left.size();
+  return all.substr(0, size);
+}
+
+/// What `takeUnit` took.
 class Properties {
  public:
   explicit Properties(std::string_view lines) : lines_(lines) {}
@@ -20,7 +40,7 @@ class Properties {
   /// The first value of that name, "" when there is none.
   std::string_view get(std::string_view name) const {
     for (std::string_view left = lines_; !left.empty();) {
-      std::string_view line = takeUpTo(left, "\n");
+      std::string_view line = takeProperty(left);
       if (takeUpTo(line, "=") == name) return line;
     }
     return {};
@@ -86,7 +106,7 @@ LaunchData::Dictionary jobFrom(const Properties& properties) {
 LaunchData::Dictionary jobsFrom(std::string_view output) {
   LaunchData::Dictionary jobs;
   while (!output.empty()) {
-    const Properties unit(takeUpTo(output, "\n\n"));
+    const Properties unit(takeUnit(output));
     if (unit.get("LoadState") == "loaded" && !unit.get("Id").empty())
       add(jobs, labelOfUnit(unit.get("Id")), {jobFrom(unit)});
   }

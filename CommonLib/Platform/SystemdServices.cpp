@@ -22,7 +22,8 @@ constexpr std::size_t longestDescription = 16 << 20;
 constexpr std::string_view unitFolder = "/etc/systemd/system";
 constexpr std::string_view madeMark = "# Made by ostrelcommon from ";
 
-/// Who can change a description chooses what its service runs: only root and this process's own user may.
+/// Who can change a description chooses which service is switched and what it runs: only root and this process's own
+/// user may.
 bool isTrusted(const FileStatus& status) {
   return (status.user == 0 || status.user == ::geteuid()) && (status.mode & (S_IWGRP | S_IWOTH)) == 0;
 }
@@ -80,7 +81,7 @@ std::optional<bool> SystemdServices::hasUnit(const std::string& unit) const {
   if (isProgram(script)) return true;  // a unit made of it is not in the files
   const auto outcome = run({"is-enabled", "--", unit}, places_.askLimit);
   if (!outcome) return std::nullopt;
-  return !outcome->output.empty();
+  return !outcome->output.empty() && !outcome->output.starts_with("not-found");  // said since systemd 253
 }
 
 /// Puts the unit's file there, unless it is already, and lets systemd know.
@@ -96,13 +97,15 @@ bool SystemdServices::makeUnit(const std::string& unit, const std::string& text)
 bool SystemdServices::setEnabled(const std::string& path, bool enable) {
   const Description description = readDescription(path);
   const PlistValue label = description.job.get("Label");
+  // Whoever wrote the label would say which service is switched, any of the machine's.
+  if (label.isString() && !description.isTrusted) return false;
   const auto unit = label.isString() ? unitOfLabel(label.stringValue()) : unitOfPath(path);
   if (!unit || !isAvailable()) return false;
   const auto isThere = hasUnit(*unit);
   if (!isThere) return false;
   if (label.isString() && (!*isThere || (enable && wasMadeHere(*unit)))) {
     const auto text = unitText(description.job, std::string(madeMark) + quotedWord(path));
-    if (!text || !description.isTrusted || !makeUnit(*unit, *text)) return false;
+    if (!text || !makeUnit(*unit, *text)) return false;
   }
   std::vector<std::string> arguments{enable ? "enable" : "disable"};
   if (isRunning()) arguments.emplace_back("--now");

@@ -170,6 +170,11 @@ TEST_F(LaunchDaemons, MakeNoUnitOfWhatIsNotTheirs) {
   std::filesystem::permissions(path, std::filesystem::perms(0666));
   EXPECT_FALSE(SetLaunchDaemonServiceState(path, true));
   EXPECT_FALSE(std::filesystem::exists(folder));
+  // Then it does not say which of the units that are there is switched, either.
+  writeFile(folder + "foreign.service", "[Service]\nExecStart=/bin/false\n[Install]\nWantedBy=multi-user.target\n");
+  for (const bool enable : {true, false}) EXPECT_FALSE(SetLaunchDaemonServiceState(path, enable));
+  std::filesystem::permissions(path, std::filesystem::perms(0644));
+  EXPECT_TRUE(SetLaunchDaemonServiceState(path, true));
 
   // Units from elsewhere stay, and masked ones stay off.
   const std::string unit = "[Service]\nExecStart=/bin/false\n[Install]\nWantedBy=multi-user.target\n";
@@ -224,7 +229,7 @@ TEST(SystemdUnit, ReadsBackTheVeryWords) {
        {"ProgramArguments",
         PlistValue::arrayOf({"na$me %o", "", "%n%%", "$HOME ${HOME} $$", "a\\n\\", "\"q\" 'r'", ";",
                              "\n[Service]\nUser=root", "\t\x01\x7F", "caf\xC3\xA9", "\xFF\xFE", "# no comment", " "})},
-       {"EnvironmentVariables", PlistValue::dictionaryOf({{"A", " %n \"$B\"\\"}, {"B", ""}})},
+       {"EnvironmentVariables", PlistValue::dictionaryOf({{"A", " %n \"$B\"\\"}, {"B", ""}, {"C", "\tx\ny"}})},
        {"WorkingDirectory", "/50% \"of\" it"},
        {"KeepAlive", PlistValue::dictionaryOf({{"SuccessfulExit", false}})}});
   const auto unit = detail::unitText(job, "# test");
@@ -233,6 +238,7 @@ TEST(SystemdUnit, ReadsBackTheVeryWords) {
 WorkingDirectory: /50% "of" it
 Environment: A= %n "$B"\
 Environment: B=
+Environment: C=	x
 Command Line: "na\$me %o" "" %n%% "\$HOME \${HOME} \$\$" "a\\n\\" "\"q\" 'r'" ";" )"
                                           R"("\n[Service]\nUser=root" "\t\001\177" café "\377\376" "# no comment" " "
 )");
@@ -314,6 +320,10 @@ Id=web.example.service
 LoadState=loaded
 Restart=no
 MainPID=0
+ExecStart={ path=/bin/sh ; argv[]=/bin/sh -c a
+
+Id=sshd.service
+LoadState=loaded ; ignore_errors=no ; pid=0 }
 ExecMainCode=1
 ExecMainStatus=3
 ActiveState=inactive
@@ -324,6 +334,7 @@ esac
   detail::SystemdServices systemd({.tool = folder / "systemctl", .runningMark = folder.path()});
   const ScopedOverride<ServiceManager> manager(systemd);
   const PlistValue all = GetLaunchDaemonAllServicesInfo();
+  const PlistValue script = PlistValue::arrayOf({"/bin/sh", "-c", "a\n\nId=sshd.service\nLoadState=loaded"});
   EXPECT_EQ(all, PlistValue::dictionaryOf(
                      {{"maild", PlistValue::dictionaryOf(
                                     {{"Label", "maild"},
@@ -338,6 +349,8 @@ esac
                       {"web.example", PlistValue::dictionaryOf({{"Label", "web.example"},
                                                                 {"LastExitStatus", 3 << 8},
                                                                 {"OnDemand", true},
+                                                                {"Program", "/bin/sh"},
+                                                                {"ProgramArguments", script},
                                                                 {"ActiveState", "inactive"}})}}))
       << all.description();
   EXPECT_EQ(GetLaunchDaemonServiceInfo("maild").get("PID"), PlistValue(42));
