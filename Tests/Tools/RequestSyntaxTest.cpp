@@ -140,7 +140,9 @@ TEST(ConnectionTable, CountsPeersByAddressAndBySixtyFourBitNetwork) {
   EXPECT_EQ(table.refusal(*SocketAddress::ipv6("2001:db8:0:1::1", 6)), "");
   table.enter(-1, *SocketAddress::ipv4("10.0.0.1"));
   EXPECT_NE(table.refusal(*SocketAddress::ipv4("10.0.0.1")), "");
-  table.enter(-1, *SocketAddress::ipv4("10.0.0.2"));
+  table.enter(-1, *SocketAddress::ipv6("::ffff:10.0.0.2"));
+  EXPECT_NE(table.refusal(*SocketAddress::ipv6("::ffff:10.0.0.2")), "");
+  EXPECT_EQ(table.refusal(*SocketAddress::ipv6("::ffff:10.0.0.3")), "");
   table.enter(-1, *SocketAddress::ipv4("10.0.0.3"));
   EXPECT_EQ(table.refusal(*SocketAddress::ipv4("10.0.0.4")), "too many connections");
   EXPECT_TRUE(table.leave(entered));  // it ended without its audit line

@@ -9,10 +9,12 @@
 namespace ostrel {
 namespace {
 
-/// Whoever holds one IPv6 address usually holds its whole /64: they count as one peer.
+/// Whoever holds one IPv6 address usually holds its whole /64: they count as one peer. A listener on "::" gets IPv4
+/// callers in the mapped form, which all have the same first half.
 std::string peerKey(const SocketAddress& peer) {
   if (!peer.isIPv6()) return peer.numericHost();
   const auto* address = reinterpret_cast<const sockaddr_in6*>(peer.get());
+  if (IN6_IS_ADDR_V4MAPPED(&address->sin6_addr)) return peer.numericHost();
   return {reinterpret_cast<const char*>(&address->sin6_addr), 8};
 }
 
