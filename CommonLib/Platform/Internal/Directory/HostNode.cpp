@@ -230,7 +230,7 @@ DirectoryStatus HostNode::authenticate(std::string_view user, std::string_view p
   const auto entry = database.userNamed(std::string(user));
   if (!entry) return directoryStatus::userUnknown;
   const auto hash = database.passwordHashOf(entry->name);
-  return hash && passwordMatches(password, *hash) ? directoryStatus::success : directoryStatus::passwordRefused;
+  return passwordMatches(password, hash.value_or("")) ? directoryStatus::success : directoryStatus::passwordRefused;
 }
 
 }  // namespace ostrel::detail

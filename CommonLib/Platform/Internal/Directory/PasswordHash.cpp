@@ -46,9 +46,11 @@ std::optional<std::string> hashPassword(std::string_view password) {
 }
 
 bool passwordMatches(std::string_view password, const std::string& hash) {
-  if (password.empty() || !isPassword(password) || hash.empty()) return false;
-  const auto given = crypted(password, hash);
-  return given && equalInConstantTime(*given, hash);
+  if (password.empty() || !isPassword(password)) return false;
+  const auto given = hash.empty() ? std::nullopt : crypted(password, hash);
+  if (given) return equalInConstantTime(*given, hash);
+  hashPassword(password);  // for the time that it takes
+  return false;
 }
 
 }  // namespace ostrel::detail

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "Platform/Internal/Directory/PasswordHash.h"
 #include "Platform/SystemLog.h"
 
 namespace ostrel::detail {
@@ -95,6 +96,7 @@ DirectoryStatus SearchNode::authenticate(std::string_view user, std::string_view
     }
     return status;
   }
+  passwordMatches(password, "");  // a user whom nobody knows takes as long as a wrong password
   return directoryStatus::userUnknown;
 }
 
