@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <time.h>
 
 #include <thread>
 
@@ -12,6 +13,7 @@
 #include "Platform/HostRoot.h"
 #include "Tools/DaemonProcess.h"
 #include "ostrelctl/LocalAdministrator.h"
+#include "ostreld/DirectorySignIn.h"
 
 namespace ostrel {
 namespace {
@@ -174,6 +176,25 @@ TEST(SignIn, AnUnknownUserLooksLikeAWrongPassword) {
   }
 }
 
+// What the answer's time hides would show in how long others wait for their turn.
+TEST(SignIn, AnUnknownUserKeepsTheCheckBusyAsLong) {
+  const DaemonProcess daemon(Transport::plain);
+  const Accounts accounts(daemon);
+  accounts.makeAdministrator("ada");
+  const auto work = [](const char* user) {
+    timespec begun{};
+    timespec ended{};
+    DirectoryAccount account;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &begun);
+    EXPECT_NE(checkPassword(user, "wrong password", account), 0);
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ended);
+    return static_cast<double>(ended.tv_sec - begun.tv_sec) + 1e-9 * static_cast<double>(ended.tv_nsec - begun.tv_nsec);
+  };
+  work("ada");
+  const double known = work("ada");
+  for (const char* user : {"charles", "daemon"}) EXPECT_GT(work(user), known / 2) << user;
+}
+
 TEST(SignIn, TooManyFailuresOfAPeerHaveItWait) {
   DaemonProcess daemon(Transport::plain);
   const Accounts accounts(daemon);
@@ -234,6 +255,7 @@ TEST(SignIn, WhoIsRemovedOrMadeAnewIsNobody) {
   client->setUserName({});
   accounts.removeUser("ada");
   EXPECT_EQ(outcomeOf(client), "authorization required");
+  EXPECT_EQ(outcomeOf(*client, PlistValue()), "authorization required") << "also where nothing is asked";
   accounts.makeUser("ada");
   EXPECT_EQ(outcomeOf(client), "authorization required") << "another record, though of that name and in that group";
 }
@@ -350,6 +372,11 @@ TEST(Authorization, ABatchRunsWhenAllOfItIsAllowed) {
   EXPECT_EQ(daemon.send(read).get("value").stringValue(), "1");
   EXPECT_THAT(daemon.log(),
               HasSubstr("module=\"ostrel_test\" command=\"getState\" outcome=\"refused 403 not allowed\""));
+
+  const std::size_t logged = daemon.log().size();
+  const PlistValue huge = batch(std::vector<PlistValue>(5000, member("ostrel_test", command("getState"))));
+  EXPECT_EQ(outcomeOf(*bob, huge), "403");
+  EXPECT_LT(daemon.log().size() - logged, 50'000U) << "a batch that is too large makes no line for each member";
 }
 
 TEST(SignIn, TheClientKeepsItsSessionUntilLogout) {

@@ -72,7 +72,7 @@ bool AuthorizationRule::allows(std::string_view module, std::string_view command
 }
 
 Permissions::Permissions(const Caller& caller, std::shared_ptr<const AuthorizationRules> rules)
-    : user_(caller.user), rules_(std::move(rules)), mayRunAll_(caller.isDaemonsOwn) {
+    : user_(caller.user), rules_(std::move(rules)), isMeant_(rules_->size()), mayRunAll_(caller.isDaemonsOwn) {
   if (mayRunAll_) return;
   memberships_ = DirectoryMemberships::ofUser(user_);
   // A record that was made anew under the name is another user's.
@@ -80,16 +80,22 @@ Permissions::Permissions(const Caller& caller, std::shared_ptr<const Authorizati
   mayRunAll_ = memberships_ && memberships_->include(administrators);
 }
 
-bool Permissions::isMeant(const AuthorizationRule& rule) {
-  return memberships_ && (holds(rule.users, user_) || std::ranges::any_of(rule.groups, [&](const std::string& group) {
-                            return memberships_->include(group);
-                          }));
+bool Permissions::isMeantBy(std::size_t rule) {
+  const AuthorizationRule& asked = (*rules_)[rule];
+  std::optional<bool>& isMeant = isMeant_[rule];
+  if (!isMeant) {
+    isMeant = memberships_ && (holds(asked.users, user_) || std::ranges::any_of(asked.groups, [&](const auto& group) {
+                                 return memberships_->include(group);
+                               }));
+  }
+  return *isMeant;
 }
 
 bool Permissions::allow(std::string_view module, std::string_view command) {
-  return mayRunAll_ || std::ranges::any_of(*rules_, [&](const AuthorizationRule& rule) {
-           return rule.allows(module, command) && isMeant(rule);
-         });
+  for (std::size_t rule = 0; !mayRunAll_ && rule < rules_->size(); ++rule) {
+    if ((*rules_)[rule].allows(module, command) && isMeantBy(rule)) return true;
+  }
+  return mayRunAll_;
 }
 
 Permissions Authorization::permissionsOf(const Caller& caller) { return {caller, rules()}; }
@@ -101,12 +107,17 @@ std::shared_ptr<const AuthorizationRules> Authorization::rules() {
   auto read = std::make_shared<AuthorizationRules>();
   try {
     *read = rulesFrom(file_);
+    rules_ = read;
   } catch (const Fault& fault) {
-    logAt(LogLevel::error, "[%d] authorization rules %s %s: they allow nothing", processId(), file_, fault.text);
+    // Not kept: what fails for want of descriptors must not go on when there are some again.
+    rules_ = nullptr;
+    if (fault.text != fault_ || state != state_) {
+      logAt(LogLevel::error, "[%d] authorization rules %s %s: they allow nothing", processId(), file_, fault.text);
+    }
+    fault_ = fault.text;
   }
   state_ = state;
-  rules_ = std::move(read);
-  return rules_;
+  return read;
 }
 
 }  // namespace ostrel

@@ -1,7 +1,9 @@
 // Decides what a caller may run.
 #pragma once
 
+#include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,10 +39,11 @@ class Permissions {
   bool allow(std::string_view module, std::string_view command);
 
  private:
-  bool isMeant(const AuthorizationRule& rule);
+  bool isMeantBy(std::size_t rule);
 
   const std::string user_;
   const std::shared_ptr<const AuthorizationRules> rules_;
+  std::vector<std::optional<bool>> isMeant_;  ///< by each rule; the members of a batch ask alike
   std::optional<DirectoryMemberships> memberships_;
   bool mayRunAll_ = false;
 };
@@ -61,7 +64,8 @@ class Authorization {
   const std::string file_;
   Mutex mutex_;
   FileState state_ OSTREL_GUARDED_BY(mutex_);
-  std::shared_ptr<const AuthorizationRules> rules_ OSTREL_GUARDED_BY(mutex_);
+  std::shared_ptr<const AuthorizationRules> rules_ OSTREL_GUARDED_BY(mutex_);  ///< null when they cannot be used
+  std::string fault_ OSTREL_GUARDED_BY(mutex_);                                ///< why, as it was logged last
 };
 
 }  // namespace ostrel

@@ -17,6 +17,7 @@ namespace ostrel {
 namespace {
 
 constexpr std::string_view sessionHeader = "OstrelSessionID";
+constexpr std::size_t mostRefusedLines = 64;
 
 const char* phraseOf(int status) {
   switch (status) {
@@ -174,7 +175,10 @@ void CommandExchange::decodeBody() {
 
 Reply CommandExchange::answer() {
   // An empty body has the caller checked and asks nothing of the module.
-  if (isEmpty_) return documentOf(PlistValue::dictionaryOf({}));
+  if (isEmpty_) {
+    const bool isKnown = isStillKnown(rules_.authorization.permissionsOf(caller_));
+    return isKnown ? documentOf(PlistValue::dictionaryOf({})) : std::move(*refusal_);
+  }
   PlistValue request;
   PlistValue errorDocument;
   if (!convert_request_data_to_dict(PlistData{body_}, request, errorDocument)) {
@@ -188,19 +192,26 @@ Reply CommandExchange::answer() {
   return mayRun(request) ? documentOf(runCommand(request)) : std::move(*refusal_);
 }
 
-/// Every command of a batch has to be allowed before any runs. Refuses otherwise, with a line for each that is not.
+/// Who was removed since has nothing but an identifier.
+bool CommandExchange::isStillKnown(const Permissions& permissions) {
+  if (permissions.isOfKnownUser()) return true;
+  refuse(401, "no longer known");
+  return false;
+}
+
+/// Every command of a batch has to be allowed before any runs. Refuses otherwise, with a line for each that is not, up
+/// to a number: the batch may be larger than any that would run.
 bool CommandExchange::mayRun(const PlistValue& request) {
   Permissions permissions = rules_.authorization.permissionsOf(caller_);
-  if (!permissions.isOfKnownUser()) {
-    refuse(401, "no longer known");
-    return false;
-  }
+  if (!isStillKnown(permissions)) return false;
+  std::size_t refused = 0;
   for (const CommandName& asked : commandsOf(request, record_.module)) {
     if (permissions.allow(asked.module, asked.command)) continue;
     if (asked.module != record_.module || asked.command != record_.command) {
       writeAudit({record_.who, record_.from, asked.module, asked.command, "refused 403 not allowed", {}});
     }
     refuse(403, "not allowed");
+    if (++refused == mostRefusedLines) break;
   }
   return !isRefused();
 }

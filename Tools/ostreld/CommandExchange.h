@@ -90,6 +90,7 @@ class CommandExchange {
   void refuse(int status, const char* reason);
   void decodeBody();
   Reply answer();
+  bool isStillKnown(const Permissions& permissions);
   bool mayRun(const PlistValue& request);
   PlistValue runCommand(const PlistValue& request);
   PlistValue signOut();
