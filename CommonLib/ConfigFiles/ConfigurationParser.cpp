@@ -31,6 +31,14 @@ PlistValue dictionaryInFile(const PlistValue& path, PlistForm form) {
   return value.isDictionary() ? value : PlistValue();
 }
 
+// Settings as they are to be written. Nothing when they would not be read again: the next populating would take them
+// for missing and replace them by the defaults.
+std::optional<std::string> readableXml(const PlistValue& settings) {
+  auto xml = writeXmlPropertyList(settings);
+  if (xml && xml->size() > maximumPlistSize) xml.reset();
+  return xml;
+}
+
 bool hasUtf16Mark(std::string_view bytes) { return bytes.starts_with("\xFF\xFE") || bytes.starts_with("\xFE\xFF"); }
 
 using Words = std::string_view;
@@ -172,13 +180,13 @@ bool ConfigurationParser::writeFile() {
 }
 
 std::optional<FileChange> ConfigurationParser::change() {
-  auto xml = writeXmlPropertyList(dictionary());
+  auto xml = readableXml(dictionary());
   if (!fFile.isString() || !xml) return std::nullopt;
   return FileChange(pathOf(fFile), detail::readRegularFile(pathOf(fFile), maximumPlistSize), std::move(*xml));
 }
 
 bool ConfigurationParser::save() {
-  const auto xml = writeXmlPropertyList(dictionary());
+  const auto xml = readableXml(dictionary());
   return fFile.isString() && xml && writeFileAtomically(pathOf(fFile), *xml);
 }
 

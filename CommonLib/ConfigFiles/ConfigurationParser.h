@@ -82,7 +82,8 @@ class OSTREL_EXPORT ConfigurationParser {
   /// it cannot be read.
   bool readFile();
   /// `writeFile` Puts the settings into the file as an XML property list, whole or not at all. Owner, group and mode
-  /// are kept, links are followed.
+  /// are kept, links are followed. False, with the file as it was, when it cannot be written or would become larger
+  /// than is read.
   bool writeFile();
   /// What `writeFile` would write, without writing it; absent when there is no path or the settings cannot be written
   /// as a property list.

@@ -1,6 +1,7 @@
 // Settings' values from and to the text in which people write them.
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <limits>
 #include <string>
 #include <vector>
@@ -68,6 +69,16 @@ struct Decimal {
   std::string_view whole;  // without its sign
 };
 
+// The integer that a text begins with, over the whole range of a value: signed, or unsigned where that is too small.
+PlistValue integerFromText(std::string_view text) {
+  const std::int64_t number = leadingInteger(text).value_or(0);
+  if (number < std::numeric_limits<std::int64_t>::max()) return number;
+  text.remove_prefix(text.find_first_of("0123456789"));
+  std::uint64_t large = std::numeric_limits<std::uint64_t>::max();  // left alone when there are too many digits
+  std::from_chars(text.data(), text.data() + text.size(), large);
+  return large;
+}
+
 PlistValue arrayFromText(const SettingType& type, std::string_view text) {
   PlistValue array = PlistValue::mutableArray();
   // Meant: neighbouring separators make empty elements.
@@ -107,7 +118,7 @@ PlistValue ConfigurationParser::objectForKey(const PlistValue& name, const Plist
 
 PlistValue ConfigurationParser::objectForType(const PlistValue& type, const PlistValue& text) {
   if (!text.isString()) return {};
-  if (type.stringValue() == "Integer") return leadingInteger(text.stringValue()).value_or(0);
+  if (type.stringValue() == "Integer") return integerFromText(text.stringValue());
   if (type.stringValue() == "Real") return Decimal(text.stringValue()).value();
   return text;
 }

@@ -92,6 +92,8 @@ void SyslogUtilities::read() {
 void SyslogUtilities::parseLine(const PlistValue& line) {
   std::string_view rest = line.stringValue();
   rest = rest.substr(0, rest.find('#'));
+  // One white-space character before the selectors does not count, whatever its kind; words skip blanks themselves.
+  if (rest.find_first_of("\r\v\f") == 0) rest.remove_prefix(1);
   const std::string_view selectors = detail::takeWord(rest);
   const std::string_view action = detail::takeWord(rest);
   if (action.empty()) return;

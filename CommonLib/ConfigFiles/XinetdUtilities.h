@@ -53,8 +53,7 @@ class OSTREL_EXPORT XinetdUtilities {
   ///
   /// False, with the file left alone, when `key` or `newValue` is absent or does not fit one line, when `key` is not
   /// one word or begins with "#" or a brace, when the file cannot be read or replaced, or would become larger than
-  /// 4 MiB. Owner, group and mode are kept,
-  /// links are followed.
+  /// 4 MiB. Owner, group and mode are kept, links are followed.
   bool setOrAddEntryForKey(const PlistValue& key, const PlistValue& newValue);
   /// `removeEntryForKey:` Removes the entries for `key` from the service's block; otherwise as above, except that any
   /// string is taken for a key. Meant: when there is none in that block, the rest of the file counts as this block.

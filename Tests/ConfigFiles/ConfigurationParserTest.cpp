@@ -216,7 +216,9 @@ TEST_F(Configuration, ConvertsTextAndValues) {
       {"Integer", " 42 apples", 42, "42"},
       {"Integer", "apples", 0, "0"},
       {"Integer", "-7.9", -7, "-7"},
-      {"Integer", "99999999999999999999", std::numeric_limits<std::int64_t>::max(), "9223372036854775807"},
+      {"Integer", " +9223372036854775808 ", std::uint64_t{1} << 63, "9223372036854775808"},
+      {"Integer", "99999999999999999999", std::numeric_limits<std::uint64_t>::max(), "18446744073709551615"},
+      {"Integer", "-9223372036854775809", std::numeric_limits<std::int64_t>::min(), "-9223372036854775808"},
       {"Real", "2.50x", 2.5, "2.5"},
       {"Real", "+.5e1.", 5.0, "5"},
       {"Real", "-12e", -12.0, "-12"},
@@ -328,6 +330,9 @@ TEST_F(Configuration, WritesWithoutTouchingWhatTheFileIs) {
   settings.set("bad", PlistValue("\x01"));
   EXPECT_FALSE(parser.writeFile()) << "no XML can carry that";
   EXPECT_EQ(parser.writeStatus(), kConfigStatusUnknownError);
+  settings.set("bad", PlistValue(std::string(std::size_t{64} << 20U, 'x')));
+  EXPECT_FALSE(parser.writeFile()) << "nobody would read that again";
+  EXPECT_EQ(Parser(path("file")).readStatus(), kConfigStatusOK);
 }
 
 }  // namespace

@@ -74,7 +74,7 @@ TEST_F(Syslog, ReadsSelectors) {
       "trailing\n"
       "daemon.* /dev/console\ndaemon.crit|/no/action\nlocal0.debug\n"
       "daemon.notice /var/log/daemon#cut\r\n*.emerg *\nmark.debug /var/log/mark\nuser.info /var/log/\xC3\xA9\n"
-      "local7.info /var/log/l7");
+      "\rlocal7.info /var/log/l7");
   const struct {
     const char* facility;
     PlistValue level;
