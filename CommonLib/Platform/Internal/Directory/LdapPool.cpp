@@ -62,7 +62,9 @@ std::unique_ptr<LdapConnection> LdapServers::connect(const LdapCredentials& cred
 }
 
 LdapPool::LdapPool(std::shared_ptr<LdapServers> servers, LdapCredentials credentials)
-    : servers_(std::move(servers)), credentials_(std::move(credentials)) {}
+    : servers_(std::move(servers)), credentials_(std::move(credentials)) {
+  idle_.reserve(servers_->settings().connections);  // giving back must not fail
+}
 
 std::unique_ptr<LdapConnection> LdapPool::take() {
   const LdapSettings& settings = servers_->settings();
