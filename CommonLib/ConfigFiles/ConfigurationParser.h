@@ -100,8 +100,9 @@ class OSTREL_EXPORT ConfigurationParser {
   static bool populateMissingParametersInDictionary(PlistValue target, const PlistValue& defaults);
 
   /// `objectForKey:withStringValue:` The value that the text of a setting stands for. Spaces and tabs around it and
-  /// around each element of an array do not matter; numbers are those that the text begins with, 0 without. True is
-  /// the setting's true word, or "yes", "true" or "1", in any (ASCII) letter case. Null without a text.
+  /// around each element of an array do not matter; numbers are those that the text begins with, 0 without; one that
+  /// does not fit (64 bits, unsigned where it is positive) becomes the nearest that does. True is the setting's true
+  /// word, or "yes", "true" or "1", in any (ASCII) letter case. Null without a text.
   PlistValue objectForKey(const PlistValue& name, const PlistValue& text) const;
   /// `objectForType:withStringValue:` The same by the types "Integer" and "Real"; with any other one the text.
   static PlistValue objectForType(const PlistValue& type, const PlistValue& text);

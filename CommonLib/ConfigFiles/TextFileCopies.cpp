@@ -82,8 +82,8 @@ std::int32_t duplicate(const std::string& from, const std::string& to) {
   Source source;
   const std::int32_t code = openSource(from, source);
   if (code != 0) return code;
-  // With one link only, the two paths are the same entry, and removing it would lose the file.
-  if (source.status.links == 1 && isSameFile(to, source.status)) return 0;
+  // With one link only, or one path, the two are the same entry: removing it would lose the file, or leave its links.
+  if ((source.status.links == 1 || from == to) && isSameFile(to, source.status)) return 0;
   removeFile(to);
   const Stream made = createStream(to);
   if (!made || !changeMode(fileno(made.get()), source.status.mode & 0777U)) return kTextFileCreateErr;

@@ -73,6 +73,8 @@ TEST(TextFileCopies, LinksLeadWhereTheyShould) {
   EXPECT_EQ(DuplicateTextFile((folder / "real").c_str(), (folder.path() + "/./real").c_str()), 0);
   EXPECT_EQ(readFile(folder / "real"), "a\n\n");
   std::filesystem::create_hard_link(folder / "real", folder / "hard");
+  EXPECT_EQ(DuplicateTextFile((folder / "real").c_str(), (folder / "real").c_str()), 0);
+  EXPECT_EQ(std::filesystem::hard_link_count(folder / "real"), 2U) << "onto itself";
   EXPECT_EQ(DuplicateTextFile((folder / "real").c_str(), (folder / "hard").c_str()), 0);
   EXPECT_EQ(readFile(folder / "hard"), "a\n\n");
 }
