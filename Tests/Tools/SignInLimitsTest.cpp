@@ -154,12 +154,17 @@ TEST_F(SignInGateTest, FailuresTakeLongerCountByPeerAndAreForgotten) {
 TEST_F(SignInGateTest, ChecksWaitForTheirTurnAndHaveNoWayAroundTheLimit) {
   SignInGate gate({.checksAtOnce = 2, .patience = 10s, .failuresPerPeer = 3, .forgetsOne = 1h});
   ASSERT_EQ(gate.enter("a"), SignInGate::Entry::open);
-  ASSERT_EQ(gate.enter("b"), SignInGate::Entry::open);
+  SignInGate::Entry again{};
+  std::thread second([&] { again = gate.enter("a"); });
+  std::this_thread::sleep_for(20ms);
+  ASSERT_EQ(gate.enter("b"), SignInGate::Entry::open) << "one peer alone does not take every place";
   SignInGate::Entry entry{};
   std::thread third([&] { entry = gate.enter("c"); });
   std::this_thread::sleep_for(20ms);
   clock_.sleepFor(11s);
+  second.join();
   third.join();
+  EXPECT_EQ(again, SignInGate::Entry::tooBusy);
   EXPECT_EQ(entry, SignInGate::Entry::tooBusy);
   gate.leaveAccepted("a", "u");
   gate.leaveAccepted("b", "u");

@@ -16,7 +16,7 @@ constexpr double failuresWithoutDoubling = 9;
 constexpr double failuresPerDoubling = 3;
 
 SignInLimits withProcessors(SignInLimits limits) {
-  if (limits.checksAtOnce == 0) limits.checksAtOnce = std::clamp(std::thread::hardware_concurrency(), 1U, 8U);
+  if (limits.checksAtOnce == 0) limits.checksAtOnce = std::clamp(std::thread::hardware_concurrency(), 2U, 8U);
   return limits;
 }
 
@@ -67,6 +67,7 @@ void SignInGate::makeRoom(Counts& counts, Time time) const {
 SignInGate::Entry SignInGate::enter(const std::string& peer) {
   Clock& clock = Clock::current();
   const auto limit = static_cast<double>(limits_.failuresPerPeer);
+  const std::size_t share = std::max<std::size_t>(limits_.checksAtOnce / 2, 1);  // the others get their turn, too
   const Time deadline = clock.monotonic() + limits_.patience;
   const MutexLock lock(mutex_);
   for (;;) {
@@ -76,8 +77,9 @@ SignInGate::Entry SignInGate::enter(const std::string& peer) {
     if (stopping_ || time >= deadline) return Entry::tooBusy;
     // Checks under way might all fail: together with the failures they must not go beyond the limit either.
     const auto mine = checksOfPeer_.find(peer);
-    const double underWay = mine == checksOfPeer_.end() ? 0 : static_cast<double>(mine->second);
-    if (checks_ < limits_.checksAtOnce && failures + underWay + 1 <= limit) break;
+    const std::size_t underWay = mine == checksOfPeer_.end() ? 0 : mine->second;
+    const bool hasRoom = checks_ < limits_.checksAtOnce && underWay < share;
+    if (hasRoom && failures + static_cast<double>(underWay) + 1 <= limit) break;
     clock.waitFor(changed_, mutex_, deadline - time);
   }
   ++checks_;

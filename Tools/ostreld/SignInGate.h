@@ -12,7 +12,7 @@
 namespace ostrel {
 
 struct SignInLimits {
-  std::size_t checksAtOnce = 0;  ///< passwords that are checked at once; 0: as many as there are processors
+  std::size_t checksAtOnce = 0;  ///< passwords, half of them from one peer; 0: as many as there are processors, 2 to 8
   std::chrono::milliseconds patience{10'000};       ///< how long a check may wait for its turn
   std::size_t failuresPerPeer = 20;                 ///< from one IPv4 address or IPv6 /64 network, then none is checked
   std::chrono::milliseconds forgetsOne{30'000};     ///< after so long each count falls by one
