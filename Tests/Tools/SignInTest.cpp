@@ -425,6 +425,8 @@ TEST(SignIn, TheClientKeepsItsSessionUntilLogout) {
   ASSERT_EQ(daemon.stop(), 0);
   ASSERT_TRUE(daemon.start()) << daemon.log();
   expect({"ostrel_sample", "getState"}, 3, "your session has ended");
+  expect({"logout"}, 0, "signed out");
+  expect({"ostrel_sample", "getState"}, 0, "state: STOPPED");
 }
 
 TEST(LocalAdministrator, IsCompletedAfterAnInterruption) {

@@ -107,9 +107,13 @@ std::optional<std::string> Exchange::signIn(int& exitStatus) {
 
 Exchange::~Exchange() {
   if (!connection_.session || connection_.credentials != Credentials::password) return;
-  if (!connection_.session->sessionID()) return;
   std::string unread;
-  transact(daemonModule::name, daemonModule::request(daemonModule::logout), unread);
+  if (connection_.session->sessionID()) signOut(unread);
+}
+
+bool Exchange::signOut(std::string& fault) {
+  const PlistValue body = transact(daemonModule::name, daemonModule::request(daemonModule::logout), fault);
+  return !body.isNull() || OstrelDaemonSession::didAuthenticationFail(connection_.session->failureReason());
 }
 
 /// A failure, and what to do about it when the daemon let nobody in.

@@ -42,6 +42,10 @@ class Exchange {
   const SavedSession& savedSession() const { return connection_.saved; }
   bool holdsSavedSession() const { return connection_.credentials == Credentials::saved; }
 
+  /// Ends the session that the requests present. False with the reason in `fault` when the daemon could not be told; a
+  /// session that it does not know has ended already.
+  bool signOut(std::string& fault);
+
   ~Exchange();
   Exchange(Exchange&&) noexcept = default;
   Exchange(const Exchange&) = delete;

@@ -6,7 +6,6 @@
 
 #include "Containers/Format.h"
 #include "Platform/HostRoot.h"
-#include "Shared/DaemonModule.h"
 #include "ostrelctl/Exchange.h"
 
 namespace ostrel {
@@ -34,7 +33,8 @@ class LoginCommand final : public Subcommand {
     const SavedSession& saved = exchange->savedSession();
     if (!saved.write(*identifier)) {
       const int reason = errno;
-      exchange->send(daemonModule::name, daemonModule::request(daemonModule::logout), exitStatus);
+      std::string unread;
+      exchange->signOut(unread);
       return fail(noReply, format("cannot write %s: %s", saved.path(), std::strerror(reason)));
     }
     return print(format("signed in as %s\n", identifier->substr(0, identifier->find('@'))));
@@ -53,8 +53,9 @@ class LogoutCommand final : public Subcommand {
     const SavedSession& saved = exchange->savedSession();
     const bool removed = saved.remove();
     if (!removed) return fail(noReply, format("cannot remove %s: %s", saved.path(), std::strerror(errno)));
-    const auto answer = exchange->send(daemonModule::name, daemonModule::request(daemonModule::logout), exitStatus);
-    return answer ? print("signed out\n") : exitStatus;
+    std::string fault;
+    if (exchange->signOut(fault)) return print("signed out\n");
+    return fail(noReply, format("the session is forgotten here, but lasts until it expires: %s", fault));
   }
 };
 
