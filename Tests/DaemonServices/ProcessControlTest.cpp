@@ -147,6 +147,10 @@ class Sleeper {
     task.output = TaskStream::discarded;
     if (name.find("script") == std::string::npos) task.arguments = {"60"};
     identity_ = TaskRunner::current().start(task).value_or(ProcessIdentity());
+    // A program has its name a moment before its words, by which a script is known.
+    const std::string words = "/proc/" + std::to_string(pid()) + "/cmdline";
+    for (int left = 5000; left > 0 && testing::readFile(words).empty(); --left)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   ~Sleeper() {
     if (identity_.id > 0) ProcessSignals::current().send(identity_, SIGKILL);
