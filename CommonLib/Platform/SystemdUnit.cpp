@@ -183,7 +183,7 @@ std::string quotedWord(std::string_view text) {
 std::optional<std::string> unitText(const PlistValue& description, std::string_view heading) {
   const PlistValue label = description.get("Label");
   const auto unit = unitOfLabel(label.stringValue());
-  if (!unit || hasTrigger(description)) return std::nullopt;
+  if (!unit || unit->ends_with("@.service") || hasTrigger(description)) return std::nullopt;  // a template runs nothing
   UnitWriter writer(description);
   writer.line(heading);
   writer.line("[Unit]");

@@ -261,6 +261,7 @@ TEST(SystemdUnit, IsNotMadeOfWhatItCannotTell) {
     PlistValue value;
   } cases[] = {
       {"Label", 7},
+      {"Label", "a@"},
       {"ProgramArguments", PlistValue::arrayOf({})},
       {"ProgramArguments", PlistValue::arrayOf({"true"})},
       {"ProgramArguments", PlistValue::arrayOf({"-/bin/true"})},

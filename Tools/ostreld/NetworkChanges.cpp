@@ -133,6 +133,8 @@ class NetworkChanges::Shared {
       NotificationCenter::defaultCenter().postNotification(notification);
     } catch (const std::exception& error) {
       logAt(LogLevel::error, "[%d] exception while the network change was told: %s", processId(), error.what());
+    } catch (...) {
+      logAt(LogLevel::error, "[%d] exception of no known type while the network change was told", processId());
     }
     ++posted;
     const nanoseconds took = Clock::current().monotonic() - began;

@@ -23,9 +23,9 @@ OSTREL_EXPORT std::string_view labelOfUnit(std::string_view unit);
 OSTREL_EXPORT std::string quotedWord(std::string_view text);
 
 /// The text of a unit that runs the job of a description (docs/services.md has the table of keys). Absent when the
-/// description has no "Label" and no program at an absolute path, when it is run by something else than being switched
-/// on (a timer, a socket, a watched path), or when one of the keys that are carried over cannot be: a service must not
-/// run without the user, folder or root that it asks for.
+/// description has no "Label", or one that names a template ("a@"), or no program at an absolute path, when it is run
+/// by something else than being switched on (a timer, a socket, a watched path), or when one of the keys that are
+/// carried over cannot be: a service must not run without the user, folder or root that it asks for.
 OSTREL_EXPORT std::optional<std::string> unitText(const PlistValue& description, std::string_view heading);
 
 }  // namespace ostrel::detail
