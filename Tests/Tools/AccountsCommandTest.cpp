@@ -81,7 +81,7 @@ TEST_F(AccountsCommand, TellsWhatWasWrong) {
       {{"users", "create", "eve", "--id", "1000"}, 1, "there is one with this name or number already"},
       {{"users", "show", "eve"}, 1, "there is no user or group of this name"},
       {{"users", "show", "*"}, 1, "INVALID_ARG_ERR"},
-      {{"groups", "create", "g", "--add-member", "eve"}, 1, "there is no user or group of this name"},
+      {{"groups", "create", "g", "--add-member", "eve"}, 1, "no such user to be a member"},
       {{"users", "create", "eve", "--node", "/Search"}, 1, "the node takes no changes"},
       {{"users", "list", "--node", "/None"}, 1, "there is no such node"},
       {{"users", "list", "--match", "nameLooksLike=x"}, 2, "--match takes KEY=TEXT"},

@@ -26,9 +26,10 @@ constexpr const char* userDetails =
     "\nWithout --node on the daemon's own directory. A new user gets a free number from 1000 on. Passwords are asked "
     "for,\n"
     "or are the first line of a file (\"-\": standard input); they never stand on the command line.\n"
-    "--match takes nameIs, nameContains, nameStartsWith, nameEndsWith, idIs, idContains, idIsGreaterThan or "
-    "idIsLessThan,\n"
-    "and leaves out the accounts of the system. Attributes without a prefix are dsAttrTypeStandard: ones.\n"
+    "--match takes nameIs, nameContains, nameStartsWith, nameEndsWith, idIs, idContains, idIsGreaterThan, "
+    "idIsLessThan\n"
+    "or commentContains, and leaves out the accounts of the system. Attributes without a prefix are "
+    "dsAttrTypeStandard: ones.\n"
     "\nExamples:\n"
     "  ostrelctl users list --starts-with a --max 50\n"
     "  ostrelctl users list --match 'idIsGreaterThan=1999' --json\n"
@@ -186,7 +187,7 @@ class AccountsCommand final : public Subcommand {
 
   bool addPassword(PlistValue& request, std::string& fault) const {
     if (!asksPassword_ && passwordFile_.empty()) return true;
-    const auto password = newPasswordOf(name_, passwordFile_, fault);
+    const auto password = newPasswordOf(name_, passwordFile_, fault, "--new-password-file");
     if (password) request.set("password", *password);
     return password.has_value();
   }
@@ -194,7 +195,8 @@ class AccountsCommand final : public Subcommand {
   int tell(const Answer& answer, OutputForm form, const std::string& command) const {
     if (const auto error = errorOf(answer.reply, module, command)) {
       if (form != OutputForm::text) print(textInForm(answer.reply, answer.bytes, form));
-      const std::string why = accountFault(answer.reply);
+      const bool hasMembers = !addMembers_.empty() || !removeMembers_.empty();
+      const std::string why = accountFault(answer.reply, hasMembers);
       return fail(replyHoldsError,
                   why.empty() ? *error : format("%s: %s (%s)", name_.empty() ? "list" : name_, why, *error));
     }

@@ -93,14 +93,15 @@ PlistValue accountPage(const PlistValue& record) {
   return page;
 }
 
-std::string accountFault(const PlistValue& reply) {
+std::string accountFault(const PlistValue& reply, bool hasMembers) {
   const PlistValue status = reply.get("status");
   if (!status.isNumber()) return "";
   switch (status.int64Value()) {
     case directoryStatus::recordExists:
       return "there is one with this name or number already";
     case directoryStatus::recordNotFound:
-      return "there is no user or group of this name";
+      return hasMembers ? "there is no such group, or no such user to be a member"
+                        : "there is no user or group of this name";
     case directoryStatus::nodeNotFound:
       return "there is no such node";
     case directoryStatus::readOnly:

@@ -19,7 +19,8 @@ std::string groupTable(const PlistValue& listing);
 /// A record with the attributes' names shortened.
 PlistValue accountPage(const PlistValue& record);
 
-/// Why the directory did not do it, from the reply's "status"; "" when it tells none.
-std::string accountFault(const PlistValue& reply);
+/// Why the directory did not do it, from the reply's "status"; "" when it tells none. `hasMembers`: the request named
+/// members of a group.
+std::string accountFault(const PlistValue& reply, bool hasMembers);
 
 }  // namespace ostrel

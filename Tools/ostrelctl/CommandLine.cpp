@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Containers/Format.h"
+#include "ostrelctl/Exchange.h"
 #include "ostrelctl/ModuleCommand.h"
 #include "ostrelctl/Subcommands.h"
 
@@ -54,6 +55,15 @@ std::unique_ptr<CommandLine> readCommandLine(int argc, const char* const* argv) 
   std::ranges::reverse(words);  // as the parser wants them
   try {
     app.parse(std::move(words));
+  } catch (const CLI::RequiredError& error) {
+    const auto unknown = app.remaining();
+    if (unknown.empty() || !app.get_require_subcommand_min())
+      app.exit(error);
+    else
+      fail(wrongUsage,
+           format("there is no '%s %s': see ostrelctl %s --help", entry->name, unknown.front(), entry->name));
+    line->exitStatus = wrongUsage;
+    line->subcommand = nullptr;
   } catch (const CLI::ParseError& error) {
     line->exitStatus = app.exit(error) == 0 ? 0 : 2;
     line->subcommand = nullptr;

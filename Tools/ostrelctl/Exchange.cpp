@@ -4,6 +4,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "Containers/Format.h"
@@ -116,13 +117,17 @@ bool Exchange::signOut(std::string& fault) {
   return !body.isNull() || OstrelDaemonSession::didAuthenticationFail(connection_.session->failureReason());
 }
 
-/// A failure, and what to do about it when the daemon let nobody in.
+/// A failure, and what to do about it.
 std::string Exchange::reasonOf(const std::string& failure) const {
   const auto endsWith = [&](const char* text) { return failure.ends_with(text); };
   if (endsWith(": 403")) {
     return failure +
            "\nostrelctl: you are signed in, but may not do this: an administrator can allow it in "
            "/etc/ostreld/authorization.plist, or make you a member of the group admin";
+  }
+  if (endsWith(format("err=%d (connect)", ECONNREFUSED).c_str())) {
+    return failure +
+           "\nostrelctl: nothing listens there: start ostreld, or say where it is by --host, --port or --root";
   }
   if (endsWith(": 429")) return failure + "\nostrelctl: too many sign-ins failed from here: wait a minute";
   if (endsWith(": 503")) return failure + "\nostrelctl: too many sign-ins are being checked: try again";

@@ -7,6 +7,7 @@
 #include "Containers/Format.h"
 #include "Platform/HostRoot.h"
 #include "ostrelctl/Exchange.h"
+#include "ostrelctl/JsonForm.h"
 
 namespace ostrel {
 namespace {
@@ -37,7 +38,10 @@ class LoginCommand final : public Subcommand {
       exchange->signOut(unread);
       return fail(noReply, format("cannot write %s: %s", saved.path(), std::strerror(reason)));
     }
-    return print(format("signed in as %s\n", identifier->substr(0, identifier->find('@'))));
+    const std::string name = identifier->substr(0, identifier->find('@'));
+    if (options.form == OutputForm::text) return print(format("signed in as %s\n", name));
+    const PlistValue told = PlistValue::dictionaryOf({{"user", name}});
+    return print(textInForm(told, jsonText(told), options.form));
   }
 };
 
@@ -54,8 +58,12 @@ class LogoutCommand final : public Subcommand {
     const bool removed = saved.remove();
     if (!removed) return fail(noReply, format("cannot remove %s: %s", saved.path(), std::strerror(errno)));
     std::string fault;
-    if (exchange->signOut(fault)) return print("signed out\n");
-    return fail(noReply, format("the session is forgotten here, but lasts until it expires: %s", fault));
+    if (!exchange->signOut(fault)) {
+      return fail(noReply, format("the session is forgotten here, but lasts until it expires: %s", fault));
+    }
+    if (shared.form == OutputForm::text) return print("signed out\n");
+    const PlistValue told = PlistValue::dictionaryOf({{"ended", true}});
+    return print(textInForm(told, jsonText(told), shared.form));
   }
 };
 

@@ -48,11 +48,11 @@ class SignalsHeldBack {
   std::array<struct sigaction, numbers.size()> before_{};
 };
 
-std::optional<std::string> askOnTerminal(const std::string& question, std::string& fault) {
+std::optional<std::string> askOnTerminal(const std::string& question, const char* option, std::string& fault) {
   const FileDescriptor terminal = openFile("/dev/tty", O_RDWR | O_NOCTTY);
   termios before{};
   if (!terminal || tcgetattr(terminal.get(), &before) != 0) {
-    fault = "there is no terminal to ask for the password on: use --password-file";
+    fault = format("there is no terminal to ask for the password on: use %s", option);
     return std::nullopt;
   }
   char line[1024];
@@ -91,19 +91,22 @@ std::optional<std::string> faultOf(const std::string& password, const std::strin
 
 }  // namespace
 
-std::optional<std::string> passwordOf(const std::string& user, const std::string& file, std::string& fault) {
-  return file.empty() ? askOnTerminal(format("Password of %s: ", user), fault) : firstLineOf(file, fault);
+std::optional<std::string> passwordOf(const std::string& user, const std::string& file, std::string& fault,
+                                      const char* option) {
+  return file.empty() ? askOnTerminal(format("Password of %s: ", user), option, fault) : firstLineOf(file, fault);
 }
 
-std::optional<std::string> newPasswordOf(const std::string& user, const std::string& file, std::string& fault) {
-  auto password = file.empty() ? askOnTerminal(format("New password of %s: ", user), fault) : firstLineOf(file, fault);
+std::optional<std::string> newPasswordOf(const std::string& user, const std::string& file, std::string& fault,
+                                         const char* option) {
+  auto password =
+      file.empty() ? askOnTerminal(format("New password of %s: ", user), option, fault) : firstLineOf(file, fault);
   if (!password) return std::nullopt;
   if (const auto reason = faultOf(*password, user)) {
     fault = format("the password cannot be used: %s", *reason);
     return std::nullopt;
   }
   if (!file.empty()) return password;
-  const auto again = askOnTerminal("Once more: ", fault);
+  const auto again = askOnTerminal("Once more: ", option, fault);
   if (!again) return std::nullopt;
   if (*again == *password) return password;
   fault = "the two passwords differ";

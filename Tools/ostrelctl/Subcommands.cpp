@@ -19,7 +19,7 @@ constexpr SubcommandEntry table[] = {
     {"users", "List and change the users of a directory node", makeUsersCommand},
     {"groups", "List and change the groups of a directory node, and their members", makeGroupsCommand},
     {"login", "Sign in with a name and a password, for later commands", makeLoginCommand},
-    {"logout", "End that", makeLogoutCommand},
+    {"logout", "End the session that login began", makeLogoutCommand},
     {"batch", "Run several commands side by side", makeBatchCommand},
     {"status", "Show how the daemon fares", makeStatusCommand},
     {"modules", "List the daemon's modules", makeModulesCommand},
