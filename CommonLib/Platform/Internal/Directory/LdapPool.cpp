@@ -61,8 +61,8 @@ std::unique_ptr<LdapConnection> LdapServers::connect(const LdapCredentials& cred
   throw LdapFailure{directoryStatus::unreachable, true, false};
 }
 
-LdapPool::LdapPool(std::shared_ptr<LdapServers> servers, LdapCredentials credentials)
-    : servers_(std::move(servers)), credentials_(std::move(credentials)) {
+LdapPool::LdapPool(std::shared_ptr<LdapServers> servers, const LdapCredentials& credentials)
+    : servers_(std::move(servers)), credentials_(credentials) {
   idle_.reserve(servers_->settings().connections);  // giving back must not fail
 }
 

@@ -46,7 +46,7 @@ class LdapServers {
 /// Threads: any. No lock is held while a server is asked.
 class LdapPool {
  public:
-  LdapPool(std::shared_ptr<LdapServers> servers, LdapCredentials credentials);
+  LdapPool(std::shared_ptr<LdapServers> servers, const LdapCredentials& credentials);
   LdapPool(const LdapPool&) = delete;
   LdapPool& operator=(const LdapPool&) = delete;
 

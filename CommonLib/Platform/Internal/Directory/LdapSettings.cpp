@@ -80,7 +80,7 @@ std::vector<LdapServer> serversIn(const PlistValue& entry) {
 }
 
 // Whoever may read this file may change the directory.
-std::string passwordIn(const std::string& path) {
+LdapCredentials credentialsFrom(const std::string& path, const std::string& dn) {
   const FileDescriptor file = openFile(path, O_RDONLY | O_NONBLOCK);
   if (!file) throw Fault{"\"BindPasswordFile\" cannot be opened"};
   const auto status = descriptorStatus(file.get());
@@ -88,10 +88,12 @@ std::string passwordIn(const std::string& path) {
       (status->mode & 077U) != 0)
     throw Fault{"\"BindPasswordFile\" is no file of root's or the daemon's that only they may read"};
   auto bytes = readToEnd(file.get(), largestPasswordFile);
-  std::string password = bytes ? bytes->substr(0, bytes->find('\n')) : std::string();
-  if (bytes) explicit_bzero(bytes->data(), bytes->size());
-  if (password.empty()) throw Fault{"\"BindPasswordFile\" holds no password"};
-  return password;
+  if (!bytes) throw Fault{"\"BindPasswordFile\" cannot be read or is too large"};
+  std::string& text = *bytes;
+  LdapCredentials credentials(dn, std::string_view(text).substr(0, text.find('\n')));
+  explicit_bzero(text.data(), text.size());
+  if (credentials.password.empty()) throw Fault{"\"BindPasswordFile\" holds no password"};
+  return credentials;
 }
 
 LdapCredentials credentialsIn(const PlistValue& entry) {
@@ -100,10 +102,7 @@ LdapCredentials credentialsIn(const PlistValue& entry) {
   // A name without a password would bind as nobody (RFC 4513, 5.1.2).
   if (dn.empty() != file.empty()) throw Fault{"\"BindDN\" and \"BindPasswordFile\" belong together"};
   if (dn.empty()) return {};
-  std::string password = passwordIn(hostPath(file));
-  LdapCredentials credentials(dn, password);
-  explicit_bzero(password.data(), password.size());
-  return credentials;
+  return credentialsFrom(hostPath(file), dn);
 }
 
 std::map<std::string, std::string, std::less<>> attributesIn(const PlistValue& entry, std::string_view type) {
