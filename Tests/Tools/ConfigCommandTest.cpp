@@ -225,7 +225,7 @@ TEST(ConfigCommand, TellsWhatCannotBeDone) {
       {{"set", file, "A", "joins\\"}, 1, "backslash"},
       {{"set", file, "--format", "yaml", "A", "b"}, 2, "'yaml' is no format"},
       {{"set", file, "A"}, 2, "VALUE is required"},
-      {{"frobnicate"}, 2, "subcommand"},
+      {{"frobnicate"}, 2, "there is no 'config frobnicate': see ostrelctl config --help"},
       {{"get", folder / "missing", "A"}, 3, "cannot read"},
       {{"get", folder.path(), "A"}, 3, "cannot read"},
       {{"get", folder / "pipe", "A"}, 3, "cannot read"},
