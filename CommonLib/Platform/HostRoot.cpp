@@ -4,7 +4,7 @@ namespace ostrel {
 namespace {
 
 std::string& root() {
-  static std::string folder;
+  static auto& folder = *new std::string;  // never freed: threads may still ask when the process ends
   return folder;
 }
 

@@ -48,19 +48,22 @@ class DirectoryCommand final : public Subcommand {
   void declare(CLI::App& app) override {
     app.footer(details);
     app.require_subcommand(1);
-    init_ = app.add_subcommand("init", "Make the first administrator: a user, and the group admin with it");
-    init_->add_option("NAME", user_, "The user's name")->capture_default_str();
-    init_->add_option("--real-name", realName_, "The name to show");
-    init_->add_flag("--another", another_, "Make one although there is an administrator already");
-    passwd_ = app.add_subcommand("passwd", "Give a user of this machine's own directory a new password");
-    passwd_->add_option("NAME", user_, "The user's name")->required();
+    CLI::App* const first =
+        app.add_subcommand("init", "Make the first administrator: a user, and the group admin with it");
+    first->add_option("NAME", user_, "The user's name")->capture_default_str();
+    first->add_option("--real-name", realName_, "The name to show");
+    first->add_flag("--another", another_, "Make one although there is an administrator already");
+    first->callback([this] { isInit_ = true; });
+    CLI::App* const password =
+        app.add_subcommand("passwd", "Give a user of this machine's own directory a new password");
+    password->add_option("NAME", user_, "The user's name")->required();
   }
 
   int run(const SharedOptions& shared) override {
     if (!shared.root.empty()) setHostRoot(shared.root);
     if (!isUserName(user_)) return fail(wrongUsage, "a user's name has no spaces, controls, \"@\", \":\" or \"/\"");
     if (const auto reason = wrongUser()) return fail(wrongUsage, *reason);
-    return init_->parsed() ? init(shared) : passwd(shared);
+    return isInit_ ? init(shared) : passwd(shared);
   }
 
  private:
@@ -84,8 +87,7 @@ class DirectoryCommand final : public Subcommand {
     return setLocalPassword(user_, *password, fault) ? done : fail(noReply, fault);
   }
 
-  CLI::App* init_ = nullptr;
-  CLI::App* passwd_ = nullptr;
+  bool isInit_ = false;
   std::string user_ = "admin";
   std::string realName_;
   bool another_ = false;
