@@ -109,9 +109,19 @@ class LdapNode final : public DirectoryNode {
   const std::shared_ptr<LdapDirectory> directory_;
 };
 
+// libldap makes its process-wide settings at its first use, and threads that come at once are not kept apart: so its
+// first use is here, once.
+void initializeLibrary() {
+  [[maybe_unused]] static const int result = [] {
+    int version = 0;
+    return ldap_get_option(nullptr, LDAP_OPT_PROTOCOL_VERSION, &version);
+  }();
+}
+
 }  // namespace
 
 std::unique_ptr<DirectoryNode> makeLdapNode(const std::string& path, const PlistValue& entry, std::string& fault) {
+  initializeLibrary();
   const auto settings = readLdapSettings(path, entry, fault);
   return settings ? std::make_unique<LdapNode>(*settings) : nullptr;
 }
