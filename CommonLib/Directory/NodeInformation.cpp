@@ -32,6 +32,12 @@ class NodeInformation {
     if (!asked_ || !buffer_) return directoryStatus::outOfMemory;
     return dsGetDirNodeInfo(node_, asked_.get(), buffer_.get(), &count_, attributes_.place(), continuation_.place());
   }
+  // The same where one attribute was asked for, which must be there.
+  DirectoryStatus askForOne(ReleasedValues& values, ReleasedAttributeEntry& entry) {
+    const DirectoryStatus status = ask();
+    if (status != directoryStatus::success) return status;
+    return count_ == 0 ? directoryStatus::noSuchAttribute : attribute(1, values, entry);
+  }
   bool hasMore() const { return static_cast<bool>(continuation_); }
   std::uint32_t count() const { return count_; }
 
@@ -61,12 +67,9 @@ DirectoryStatus walkSearchPath(DirectoryHandle session, Visit visit) {
   NodeInformation information(node.get(), dsBuildListFromStringsAlloc(directoryName::searchPath.data(), nullptr));
   long position = 0;
   do {
-    status = information.ask();
-    if (status != directoryStatus::success) return status;
-    if (information.count() == 0) return directoryStatus::noSuchAttribute;
     ReleasedValues values;
     ReleasedAttributeEntry attribute;
-    status = information.attribute(1, values, attribute);
+    status = information.askForOne(values, attribute);
     if (status != directoryStatus::success) return status;
     for (std::uint32_t index = 1; index <= attribute->valueCount; ++index, ++position) {
       ReleasedValueEntry value;
@@ -162,12 +165,9 @@ DirectoryStatus DSGetNodeLevelInSearchList(DirectoryHandle session, const char* 
 DirectoryStatus DSIsNodeWritable(DirectoryHandle /*session*/, DirectoryHandle node, long* flag) noexcept {
   *flag = 0;
   NodeInformation information(node, dsBuildListFromStringsAlloc(directoryName::readOnlyNode.data(), nullptr));
-  DirectoryStatus status = information.ask();
-  if (status != directoryStatus::success) return status;
-  if (information.count() == 0) return directoryStatus::noSuchAttribute;
   ReleasedValues values;
   ReleasedAttributeEntry attribute;
-  status = information.attribute(1, values, attribute);
+  DirectoryStatus status = information.askForOne(values, attribute);
   if (status != directoryStatus::success) return status;
   ReleasedValueEntry value;
   status = information.value(1, values, value);
